@@ -1,0 +1,33 @@
+# The library's sources. Android.bp lists the same files; scripts/check-android-bp.sh keeps
+# the two in step.
+set(VORN_CORE_SOURCES
+    platform/LogMessage.cpp
+    platform/Thread.cpp
+    platform/DllParser.cpp
+    platform/CJsonObject.cpp
+    core/ErrorCode.cpp
+    core/SFData.cpp
+    core/SFRespData.cpp
+    core/SFMessage.cpp
+    io/SFCommandParser.cpp
+    io/Processer.cpp
+    io/CmdIOService.cpp
+    io/Formatter.cpp
+    io/SFIOChannel.cpp
+    config/CommonConfig.cpp
+    config/ConfigManager.cpp
+    routing/ContextWrapper.cpp
+    routing/SFServiceManager.cpp
+    service/ServiceThread.cpp
+    service/SFService.cpp
+    service/SFServiceQueue.cpp
+    service/SFServiceTimeout.cpp
+    service/SFServiceCommand.cpp
+    service/SFServiceHal.cpp
+    service/SFServiceMonitorRunnable.cpp
+    service/SFServiceRequestRunnable.cpp
+    service/SFServiceResponseRunnable.cpp
+    services/MiscService.cpp
+    services/SensorService.cpp
+    services/ModemService.cpp
+)

@@ -1,0 +1,6 @@
+#ifndef VORN_CONFIG_SERVICEID_H
+#define VORN_CONFIG_SERVICEID_H
+
+enum ServiceId { MISC_SERVICE = 1, SENSOR_SERVICE = 2, MODEM_SERVICE = 3 };
+
+#endif

@@ -1,0 +1,29 @@
+#ifndef VORN_ROUTING_CONTEXTWRAPPER_H
+#define VORN_ROUTING_CONTEXTWRAPPER_H
+
+#include "core/sf_response.h"
+
+class CmdIOService;
+class ConfigManager;
+class SFService;
+
+// The process-wide glue between the command I/O service, the configuration and the services.
+class ContextWrapper {
+public:
+    static ContextWrapper* Initialize(CmdIOService* cmdio, ConfigManager* cfg);
+
+    ContextWrapper(CmdIOService* cmdio, ConfigManager* cfg);
+    virtual ~ContextWrapper();
+    virtual int Start();
+
+    static int CmdIOCallback(const char* data, int len, void* user);
+    int SendMessage(const char* data, int len);
+    int SendInternalMessage(const char* data, int len);
+    void AddAvailableService(int serviceId, SFService* service);
+    int SendResponse(const sf_response* resp);
+
+    CmdIOService* m_pCmdIOService;
+    ConfigManager* m_pCfgMgr;
+};
+
+#endif

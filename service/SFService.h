@@ -1,0 +1,136 @@
+#ifndef VORN_SERVICE_SFSERVICE_H
+#define VORN_SERVICE_SFSERVICE_H
+
+#include <pthread.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/ServiceId.h"
+#include "core/DataDirection.h"
+#include "core/SFData.h"
+#include "core/SFMessage.h"
+#include "core/SFRespData.h"
+#include "core/sf_response.h"
+#include "platform/DllParser.h"
+#include "platform/LogMessage.h"
+#include "service/MessageQueue.h"
+#include "service/ServiceThread.h"
+#include "service/cmd_entry.h"
+
+class ContextWrapper;
+class ConfigManager;
+
+// The common base of every device service: a request and a response queue, a notification
+// pipe, monitor/request/response threads, request timeouts, the command table and HAL calls.
+class SFService {
+public:
+    SFService(ContextWrapper* context, int serviceId);
+    virtual ~SFService();
+
+    // Virtual slots, in this order: hosts and services are compiled against it.
+    virtual int Init();
+    virtual int OnStart();
+    virtual int OnCreate();
+    virtual bool OnHandleCommand(const char* command, int len);
+    virtual int OnHandleRequest(SFMessage* msg);
+    virtual bool OnHandleResponse(const char* data, int len, sf_response* out);
+    virtual bool OnHandleResponse(bool flag, response_info* info, sf_response* out);
+    virtual bool OnHandleRequestTimeout(SFMessage* msg);
+    virtual SFRespData* ConvertPCBAResponse(SFMessage* msg, int result, const char* data, int len);
+    virtual bool CheckDeviceCommand(SFMessage* msg);
+    virtual bool SendInternalMessage(SFData* data, sf_response* resp, bool flag);
+    virtual bool HandleInternalRequest(SFData* data, sf_response* resp, bool flag);
+    virtual void insertCmd(ServiceId id);
+    virtual SFRespData* DoRequest(SFMessage* msg, void* service);
+    virtual bool isSupport();
+    virtual bool isSupport(int serviceId);
+
+    // Lifecycle, pipe and threads.
+    int OpenMessagePipe();
+    int InitMessageQueue();
+    int ClearMessageQueue();
+    int CreateMonitorThread();
+    int CreateRequestThread();
+    int CreateResponseThread();
+    void DestroyMonitorThread();
+    void DestroyRequestThread();
+    void DestroyResponseThread();
+    const char* GetServiceName();
+
+    // Queues and passes.
+    int EnQueue(SFMessage* msg);
+    int NotifyNewMessage(MsgDirection direction);
+    int NotifyNewMessage(SFMessage* msg);
+    SFMessage* reqDeQ();
+    SFMessage* respDeQ();
+    int HandleRequest();
+    int HandleResponse();
+
+    // Timeouts.
+    int StartRequestTimeout();
+    int CalculateRequestTimeout(timeval* left);
+    int HandleRequestTimeout();
+    void ResetRequestService();
+
+    // Command table.
+    void insert(DataDirection direction, int timeout, const char* command,
+                SFRespData* (*handler)(SFMessage*, void*), void* soFunc, const char* soFuncName,
+                bool needSoFunc);
+    static const char* ConvertServiceName(int serviceId);
+    ConfigManager* GetConfigManager();
+
+    // HAL binding.
+    int Execute(std::string funcName, std::vector<char>* in, std::vector<char>* out);
+    void* HalMalloc(int size);
+    int HalFree(void* block);
+
+    // Calls the HAL function `name` with signature R(Args...). The library stays mapped for the
+    // call even if the service is torn down meanwhile.
+    template <typename R, typename... Args>
+    static R ExcecuteFunc(DllParser* parser, const std::string& name, Args... args) {
+        std::function<R(Args...)> func;
+        if (void* address = parser->GetFunction(name))
+            func = reinterpret_cast<R (*)(Args...)>(address);
+        std::shared_ptr<void> pin = parser->Pin();
+        if (LogMessage::IsOn(2))
+            LogMessage(2, parser->GetTag().c_str(), "ExcecuteFunc").stream()
+                << "Execute(" << name << ")";
+        return func(args...);
+    }
+
+    // Is the service being destroyed? Thread loops leave when it is.
+    bool IsStopping() const { return m_bStopping.load(std::memory_order_acquire); }
+
+    ServiceThread* m_pMonitorThread;
+    ServiceThread* m_pResponseThread;
+    ServiceThread* m_pRequestThread;
+    struct timeval m_tvReqStart;  // written and read by the monitor thread only
+    pthread_mutex_t m_mtxPipeWrite;  // guards writes to m_nMsgPipeW
+    MessageQueue<SFMessage> m_reqQueue;
+    MessageQueue<SFMessage> m_respQueue;
+    // The monitor rebuilds the pipe while other threads read the numbers.
+    std::atomic<int> m_nMsgPipeR;
+    std::atomic<int> m_nMsgPipeW;
+    bool m_bInit;
+    // Written by the request thread, claimed by the monitor on a timeout.
+    std::atomic<SFMessage*> m_pCurReqMsg;
+    std::string m_strServiceName;
+    int m_nServiceId;
+    std::list<cmd_entry*> m_cmdList;
+    ContextWrapper* m_pContext;
+    sf_response* m_pResponse;
+    char* m_pVendorCmdBuf;
+    std::atomic<bool> m_bTimeoutHandling;  // set by the monitor while it handles a timeout
+    DllParser* m_pDllParser;
+
+private:
+    std::atomic<bool> m_bStopping;  // set first thing by the destructor
+};
+
+#endif

@@ -1,0 +1,20 @@
+#ifndef VORN_SERVICES_MISCSERVICE_H
+#define VORN_SERVICES_MISCSERVICE_H
+
+#include "service/SFService.h"
+
+class MiscService : public SFService {
+public:
+    explicit MiscService(ContextWrapper* context);
+    ~MiscService() override;
+
+    int OnHandleRequest(SFMessage* msg) override;
+    SFRespData* DoRequest(SFMessage* msg, void* service) override;
+
+    // "JXT": an empty success, at once.
+    static SFRespData* DoTestRequest(SFMessage* msg, void* service);
+    // "JXT+TIMEOUT": never returns; only the request timeout answers it.
+    static SFRespData* DoTIMEOUTRequest(SFMessage* msg, void* service);
+};
+
+#endif
