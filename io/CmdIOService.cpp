@@ -57,9 +57,9 @@ int CmdIOService::InternalBufferedFlush(char const* command, int length) {
 // that answers, MSG_NOSIGNAL so that a vanished one cannot raise SIGPIPE. A slot that went -1,
 // or holds a descriptor no longer served, drops the reply.
 int CmdIOService::HandleResponse(unsigned char const* data, int length, void* client) {
-    if (client == nullptr || length < 0) return false;
+    if (client == nullptr || length < 0) return 0;
     int fd = *static_cast<std::atomic<int>*>(client);
-    if (!IsValidFD(fd)) return false;
+    if (!IsValidFD(fd)) return 0;
     return static_cast<int>(
         send(fd, data, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT));
 }

@@ -6,7 +6,6 @@
 #include <string>
 #include <thread>
 
-#include "io/Formatter.h"
 #include "io/RecordingServer.h"
 #include "support/TestSupport.h"
 
@@ -47,10 +46,6 @@ TEST(CmdIOService, ErrorRecordGoesToTheClientOfTheLatestCommand) {
     EXPECT_EQ("1008:The parameter is invalid\r\n", reply.response);
     EXPECT_EQ(48u, 12 + reply.request.size() + reply.response.size());
 
-    server->ErrorResponse("JXT+Z", 5, 0);
-    ASSERT_TRUE(b.ReadReply(reply));
-    EXPECT_EQ(0, reply.result);
-    EXPECT_EQ("", reply.response);
     // An empty request gives no record at all.
     server->ErrorResponse("", 0, 1001);
     EXPECT_EQ("", b.ReadAvailable(kQuiet));
@@ -129,20 +124,4 @@ TEST(CmdIOService, InternalCommandsUseTheCallbackButNotTheReplyTarget) {
     EXPECT_EQ(nullptr, server->ReplyTarget());
     server->CmdIOCallback(nullptr, nullptr);
     EXPECT_EQ(1008, server->InternalBufferedFlush("JXT+I", 5));
-}
-
-TEST(Formatter, WritesNothingWithoutARequest) {
-    Formatter formatter;
-    unsigned char* output = nullptr;
-    int length = -7;
-    formatter.GetOutputData(&output, length);
-    EXPECT_EQ(nullptr, output);
-    EXPECT_EQ(-7, length);
-
-    char request[] = "JXT+A";
-    formatter.SetRequest(request, 5);
-    formatter.GetOutputData(&output, length);
-    std::unique_ptr<unsigned char[]> owned(output);
-    EXPECT_EQ(std::string(vorn_test::EncodeReply(1, "JXT+A", "")),
-              std::string(reinterpret_cast<char*>(output), static_cast<size_t>(length)));
 }

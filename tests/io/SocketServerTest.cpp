@@ -23,6 +23,9 @@ TEST(SocketServer, TransmissionsUpToAndAtTheChunkSizeArriveWhole) {
     EXPECT_TRUE(fcntl(server->ServerFd(), F_GETFD) & FD_CLOEXEC);
     Client client;
     ASSERT_TRUE(client.Connect(server->Name()));
+    // Empty text never reaches the callback.
+    ASSERT_TRUE(client.Send(std::string(1, '\0')));
+    ASSERT_TRUE(vorn_test::Await([&] { return server->ReplyTarget() != nullptr; }));
 
     ASSERT_TRUE(client.Send(std::string(3071, 'a')));
     ASSERT_TRUE(server->AwaitCount(1));
@@ -33,6 +36,7 @@ TEST(SocketServer, TransmissionsUpToAndAtTheChunkSizeArriveWhole) {
 
     ASSERT_TRUE(client.Send(std::string(3072, 'b')));
     ASSERT_TRUE(server->AwaitCount(2));
+    EXPECT_EQ(2u, server->Received().size());
     EXPECT_EQ(std::string(3072, 'b'), server->Received()[1]);
     EXPECT_TRUE(log.Has("No data to read,Receive completed!!!", "Run", 4));
     EXPECT_FALSE(log.Has("received size =3072"));
@@ -78,17 +82,6 @@ TEST(SocketServer, FifthClientIsAcceptedButNeverRead) {
     ASSERT_TRUE(next.Send("JXT+NEXT"));
     ASSERT_TRUE(server->AwaitCount(6));
     EXPECT_EQ("JXT+NEXT", server->Received()[5]);
-}
-
-TEST(SocketServer, EmptyTextNeverReachesTheCallback) {
-    RecordingServer* server = RecordingServer::Launch("empty");
-    Client client;
-    ASSERT_TRUE(client.Connect(server->Name()));
-    ASSERT_TRUE(client.Send(std::string(1, '\0')));
-    ASSERT_TRUE(vorn_test::Await([&] { return server->ReplyTarget() != nullptr; }));
-    ASSERT_TRUE(client.Send("JXT+A"));
-    ASSERT_TRUE(server->AwaitCount(1));
-    EXPECT_EQ(1u, server->Received().size());
 }
 
 TEST(SocketServer, SignalDuringSelectEndsTheLoop) {
