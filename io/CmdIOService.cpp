@@ -91,12 +91,21 @@ void CmdIOService::ErrorResponse(char const* request, unsigned int requestLength
         GetStringByErrCode(code, text);
         formatter.SetResponse(text, static_cast<int>(strnlen(text, kErrTextSize)));
     }
+    // The refused command is echoed only as far as the record has room: a client that sent
+    // 24 KiB of garbage still gets its error line in a well-formed record.
+    const unsigned int room =
+        kStagingSize - 12 - static_cast<unsigned int>(strnlen(text, kErrTextSize));
+    if (requestLength > room) {
+        LogMessage(3, "VORN", "ErrorResponse").stream()
+            << "echo of a " << requestLength << "-byte command cut to " << room << " bytes";
+        requestLength = room;
+    }
     formatter.SetResult(code);
     formatter.SetRequest(const_cast<char*>(request), static_cast<int>(requestLength));
     formatter.GetOutputData(&output, outputLength);
     std::unique_ptr<unsigned char[]> owned(output);
 
-    // As in SendResponse, a record that does not fit the staging record is refused.
+    // Cannot happen after the cut above; kept as the same guard SendResponse has.
     if (static_cast<unsigned int>(outputLength) > kStagingSize) {
         LogMessage(4, "VORN", "ErrorResponse").stream()
             << "reply of " << outputLength << " bytes exceeds the staging record (" << kStagingSize

@@ -77,10 +77,8 @@ bool SFService::OnHandleCommand(const char* command, int len) {
     // scratch buffer, or that no service registered, has no row to match.
     int vendorLen = 0;
     std::memset(m_pVendorCmdBuf, 0, sizeof(sf_response::text));
-    if (len > 0 && len < static_cast<int>(sizeof(sf_response::text)) &&
-        SFCommandParser::FindVendorCmd(command, len)) {
+    if (len > 0 && len < static_cast<int>(sizeof(sf_response::text)))
         SFCommandParser::ProductCmd2VendorCmd(command, len, m_pVendorCmdBuf, vendorLen);
-    }
     std::string vendor(m_pVendorCmdBuf);
     std::string header;
     SFCommandParser::GetCommandHeader(vendor, header);
