@@ -147,9 +147,11 @@ void SFService::StopServiceThreads() {
         }
     }
     pthread_mutex_unlock(&m_mtxPipeWrite);
-    // The monitor first: it is the one that may replace the request thread.
-    for (ServiceThread* holder : {m_pMonitorThread, m_pRequestThread, m_pResponseThread})
-        if (holder && holder->thread) holder->thread->Quiesce();
+    // The monitor first: it creates the other two at boot and replaces the request thread on
+    // a timeout, so their holders are read only once it has stopped.
+    if (m_pMonitorThread && m_pMonitorThread->thread) m_pMonitorThread->thread->Quiesce();
+    if (m_pRequestThread && m_pRequestThread->thread) m_pRequestThread->thread->Quiesce();
+    if (m_pResponseThread && m_pResponseThread->thread) m_pResponseThread->thread->Quiesce();
 }
 
 SFService::~SFService() {

@@ -93,13 +93,20 @@ TEST_F(EndToEnd, OversizedHalAnswerIsCutToAWellFormedRecord) {
     EXPECT_EQ("JXT", r.request);
 }
 
-TEST_F(EndToEnd, ReplyGoesToTheClientOfTheLatestTransmission) {
+TEST(EngineRouting, ReplyGoesToTheClientOfTheLatestTransmission) {
+    EngineHarness h(R"({ "misc": { "libpath": ")" + TestHal::Path() +
+                    R"(", "whitelist": [ { "command": "JXT+HANG", "func": "block_cmd",
+                        "timeout": 600 } ] },
+        "sensor": { "libpath": ")" +
+                    TestHal::Path() +
+                    R"(", "whitelist": [ { "command": "JXT+GSENSOR", "func": "echo_cmd" } ] } })");
     Client other;
     ASSERT_TRUE(other.Connect(h.socketName));
     ASSERT_TRUE(h.client.Send("JXT+HANG"));
     ASSERT_TRUE(Await([] { return TestHal::Blocked() == 1; }));
     Reply r;
-    ASSERT_TRUE(other.Send("JXT+ECHO=x") && other.ReadReply(r));
+    // The misc service is busy; the sensor service answers meanwhile.
+    ASSERT_TRUE(other.Send("JXT+GSENSOR=x") && other.ReadReply(r));
     EXPECT_EQ("x", r.response);
     TestHal::Release();  // the late answer to the first client goes to the second
     ASSERT_TRUE(other.ReadReply(r));
@@ -118,9 +125,10 @@ TEST(EngineConfig, SwitchedOffServiceRefusesItsCommands) {
 
 TEST(EngineConfig, OverlongNamesInTheFileAreRefusedNotFatal) {
     const std::string longName = "JXT+" + std::string(200, 'L');
-    EngineHarness h(R"({ "misc": { "libpath": ")" + TestHal::Path() +
-                    R"(", "whitelist": [ { "command": ")" + longName +
-                    R"(", "func": "echo_cmd" }, { "command": "JXT+ECHO", "func": "echo_cmd" } ] } })");
+    EngineHarness h(
+        R"({ "misc": { "libpath": ")" + TestHal::Path() + R"(", "whitelist": [ { "command": ")" +
+        longName +
+        R"(", "func": "echo_cmd" }, { "command": "JXT+ECHO", "func": "echo_cmd" } ] } })");
     EXPECT_EQ(1, h.log.CountContaining("must be shorter than 128 bytes"));
     Reply r;
     ASSERT_TRUE(h.Ask("JXT+ECHO=ok", r));
