@@ -46,6 +46,8 @@ CJsonObject::~CJsonObject() = default;
 
 void CJsonObject::Clear() {
     m_children.clear();
+    m_elemCursor = nullptr;
+    m_elemIndex = -1;
     m_node = nullptr;
     m_root.reset();
     ResetKey();
@@ -109,7 +111,21 @@ cJSON* CJsonObject::Member(const std::string& key) const {
 
 cJSON* CJsonObject::Element(int index) const {
     if (!cJSON_IsArray(m_node) || index < 0) return nullptr;
-    return cJSON_GetArrayItem(m_node, index);
+    cJSON* item;
+    int at;
+    if (m_elemCursor && index >= m_elemIndex) {
+        item = m_elemCursor;
+        at = m_elemIndex;
+    } else {
+        item = m_node->child;
+        at = 0;
+    }
+    for (; item && at < index; ++at) item = item->next;
+    if (item) {
+        m_elemCursor = item;
+        m_elemIndex = at;
+    }
+    return item;
 }
 
 CJsonObject& CJsonObject::Child(cJSON* node) {

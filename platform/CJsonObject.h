@@ -60,6 +60,9 @@ private:
     cJSON* m_keyCursor;             // next member for GetKey
     cJSON* m_lastKey;               // member GetKey yielded last
     bool m_bKeyStarted;
+    // Last array element reached: reading elements in order costs one step each.
+    mutable cJSON* m_elemCursor = nullptr;
+    mutable int m_elemIndex = -1;
     // Child nodes handed out by reference, one per JSON node, so they keep their own state.
     std::map<const cJSON*, std::unique_ptr<CJsonObject>> m_children;
 };
