@@ -5,8 +5,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <mutex>
 
 #include "platform/LogMessage.h"
+
+namespace {
+// Rows of services already destroyed: the vendor-command table keeps pointing at their command
+// texts, so they live on here, still reachable, to the end of the process (the list itself is
+// never destroyed, not even by the exit-time destructors).
+std::mutex g_retiredRowsLock;  // guards g_retiredRows
+std::list<cmd_entry*>* const g_retiredRows = new std::list<cmd_entry*>();
+}  // namespace
 
 SFService::SFService(ContextWrapper* context, int serviceId)
     : m_pMonitorThread(nullptr),
@@ -184,5 +193,6 @@ SFService::~SFService() {
     delete m_pDllParser;
     m_pDllParser = nullptr;
     // The rows stay: the vendor-command table keeps pointing at their command texts.
-    m_cmdList.clear();
+    std::lock_guard<std::mutex> lock(g_retiredRowsLock);
+    g_retiredRows->splice(g_retiredRows->end(), m_cmdList);
 }

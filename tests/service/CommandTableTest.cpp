@@ -117,7 +117,7 @@ TEST_F(CommandTable, QueueRefusesNullAndBadDirections) {
     BareService s;
     EXPECT_EQ(1008, s.EnQueue(nullptr));
     EXPECT_TRUE(log.Has("UNKNOWN_SERVICEMessage enqueue fail: message is nullptr", "EnQueue", 4));
-    SFMessage odd(static_cast<MsgDirection>(7), nullptr, nullptr, 0, nullptr, nullptr);
+    SFMessage odd(static_cast<MsgDirection>(3), nullptr, nullptr, 0, nullptr, nullptr);
     EXPECT_EQ(1008, s.EnQueue(&odd));
     EXPECT_TRUE(log.Has("UNKNOWN_SERVICEmessage direction error", "EnQueue", 4));
     EXPECT_FALSE(s.CheckDeviceCommand(nullptr));
