@@ -39,6 +39,9 @@ long IndexOf(const char* text, char c) {
     return p ? p - text : -1;
 }
 
+const char kCopied[] = "JXT+COPY";
+const int kCopiedId = 2;
+
 // The id of the registered row that a lookup must find: among equal texts, the lowest address.
 int ExpectedId(const char* header) {
     const Row* best = nullptr;
@@ -46,7 +49,8 @@ int ExpectedId(const char* header) {
         if (std::strcmp(r.text, header) == 0 &&
             (!best || std::less<const char*>()(r.text, best->text)))
             best = &r;
-    return best ? best->serviceId : -1;
+    if (best) return best->serviceId;
+    return std::strcmp(header, kCopied) == 0 ? kCopiedId : -1;
 }
 
 }  // namespace
@@ -59,6 +63,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     for (const Row& r : g_rows) SFCommandParser::AddVendorCmd(r.text, r.serviceId);
     // The same address again keeps the first service id.
     SFCommandParser::AddVendorCmd(g_rows[0].text, 3);
+    // The form that takes a string object; its text must stay usable after the call.
+    SFCommandParser::AddVendorCmd(std::string(kCopied), kCopiedId);
     SFCommandParser::DumpVendorCmd();
     return 0;
 }
@@ -117,7 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Check(id == -1);
         return 0;
     }
-    bool registered = false;
+    bool registered = std::strcmp(key, kCopied) == 0 && key != kCopied;
     for (const Row& r : g_rows) registered = registered || r.text == key;
     Check(registered && header == key);
 

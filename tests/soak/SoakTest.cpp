@@ -88,14 +88,20 @@ public:
         return rc == 0;
     }
 
-    void Stop() {
-        if (m_pid <= 0) return;
+    // Asks the daemon to stop (SIGTERM) and returns its exit status, or -1 when it had to be
+    // killed or did not exit normally.
+    int Stop() {
+        if (m_pid <= 0) return -1;
         kill(m_pid, SIGTERM);
-        if (!Await([this] { return Reaped(); }, 5000ms)) {
+        int result = -1;
+        if (Await([this] { return Reaped(); }, 5000ms)) {
+            if (WIFEXITED(m_status)) result = WEXITSTATUS(m_status);
+        } else {
             kill(m_pid, SIGKILL);
             waitpid(m_pid, &m_status, 0);
         }
         m_pid = -1;
+        return result;
     }
 
     // True once the daemon has exited (and it has been reaped).
@@ -428,7 +434,9 @@ TEST_F(Soak, EveryGoodCommandGetsOneReplyAndNothingLeaks) {
         << "descriptors: " << m_daemon.Fds() << ", baseline " << m_baseFds;
     EXPECT_TRUE(Await([&] { return m_daemon.Threads() == baseThreads; }, 10000ms))
         << "threads: " << m_daemon.Threads() << ", baseline " << baseThreads;
-    EXPECT_TRUE(m_daemon.Alive());
+    ASSERT_TRUE(m_daemon.Alive());
+    // A clean shutdown after all this (under the sanitizers this also checks for leaks).
+    EXPECT_EQ(0, m_daemon.Stop());
 }
 
 }  // namespace
