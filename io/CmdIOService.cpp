@@ -58,10 +58,16 @@ int CmdIOService::InternalBufferedFlush(char const* command, int length) {
 // or holds a descriptor no longer served, drops the reply.
 int CmdIOService::HandleResponse(unsigned char const* data, int length, void* client) {
     if (client == nullptr || length < 0) return 0;
+    // The loop closes client descriptors under the same lock: the number read here stays the
+    // client's until the send is done.
+    pthread_mutex_lock(&m_mutex);
     int fd = *static_cast<std::atomic<int>*>(client);
-    if (!IsValidFD(fd)) return 0;
-    return static_cast<int>(
-        send(fd, data, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT));
+    int rc = 0;
+    if (IsValidFD(fd))
+        rc = static_cast<int>(
+            send(fd, data, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT));
+    pthread_mutex_unlock(&m_mutex);
+    return rc;
 }
 
 // A record longer than the staging record is refused, not cut: a cut record would leave the

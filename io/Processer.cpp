@@ -204,10 +204,11 @@ void Processer::RemoveClient(int index) {
 bool Processer::RemoveSpecialCilent(int fd) {
     for (auto& slot : m_nClientFds) {
         int expected = fd;
-        if (slot.compare_exchange_strong(expected, -1)) {
-            close(fd);
-            return true;
-        }
+        pthread_mutex_lock(&m_mutex);
+        const bool mine = slot.compare_exchange_strong(expected, -1);
+        if (mine) close(fd);
+        pthread_mutex_unlock(&m_mutex);
+        if (mine) return true;
     }
     LogMessage(1, "VORN", "RemoveSpecialCilent").stream() << "Can't find client: fd=" << fd;
     return true;
@@ -305,9 +306,12 @@ void Processer::Run() {
 
             if (gone) {
                 LogMessage(4, "VORN", "Run").stream() << "disconnect client[" << i << "]...";
-                // The slot is freed first, so no reply goes to a number that is being closed.
+                // The slot is freed and the descriptor closed under the reply lock, so no reply
+                // is ever written to a number that is being closed or already reused.
+                pthread_mutex_lock(&m_mutex);
                 RemoveClient(i);
                 close(fd);
+                pthread_mutex_unlock(&m_mutex);
                 FD_CLR(fd, &m_readSet);
                 blocking = true;
                 continue;

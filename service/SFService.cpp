@@ -33,7 +33,8 @@ SFService::SFService(ContextWrapper* context, int serviceId)
       m_pVendorCmdBuf(nullptr),
       m_bTimeoutHandling(false),
       m_pDllParser(nullptr),
-      m_bStopping(false) {
+      m_bStopping(false),
+      m_nCurReqTimeout(0) {
     m_pDllParser = new DllParser();
     m_pDllParser->SetTag("VORN");
     pthread_mutex_init(&m_mtxPipeWrite, nullptr);

@@ -135,6 +135,11 @@ public:
 
 private:
     std::atomic<bool> m_bStopping;  // set first thing by the destructor
+
+public:
+    // The current request's time-out, published by the request thread with m_pCurReqMsg, so
+    // the monitor never reads a message that the request thread may be deleting.
+    std::atomic<int> m_nCurReqTimeout;
 };
 
 #endif

@@ -91,6 +91,7 @@ int SFService::HandleRequest() {
     delete m_pCurReqMsg.exchange(nullptr);
     SFMessage* msg = reqDeQ();
     if (!msg) return 0;  // the queue was switched off, or a wake-up found it empty
+    m_nCurReqTimeout = msg->timeout;
     m_pCurReqMsg = msg;
     NotifyNewMessage(msg);  // the monitor starts timing it
 

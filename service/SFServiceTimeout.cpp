@@ -9,12 +9,11 @@
 int SFService::StartRequestTimeout() { return gettimeofday(&m_tvReqStart, nullptr); }
 
 int SFService::CalculateRequestTimeout(timeval* left) {
-    SFMessage* cur = m_pCurReqMsg;
-    if (!cur) {
+    if (!m_pCurReqMsg) {
         gettimeofday(&m_tvReqStart, nullptr);
         return -1;
     }
-    const int seconds = cur->timeout;
+    const int seconds = m_nCurReqTimeout;
     int64_t lengthMs;
     if (seconds == 0) {
         // The text says 60 seconds and the value is 15: both are what devices have always seen.

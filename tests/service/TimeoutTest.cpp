@@ -129,6 +129,7 @@ protected:
         service.StopServiceThreads();
         msg = new SFMessage(MSG_REQUEST, nullptr, "", 5, new SFData("X", 1, 1), nullptr);
         service.m_pCurReqMsg = msg;
+        service.m_nCurReqTimeout = 5;
     }
     ~TimerArithmetic() override {
         service.m_pCurReqMsg = nullptr;
@@ -153,7 +154,7 @@ TEST_F(TimerArithmetic, TimeLeftIsThePeriodLessTheTimeSpent) {
     EXPECT_GE(left.tv_usec, 0);
     EXPECT_LT(left.tv_usec, 1000000);
 
-    msg->timeout = 0;  // the default: 15 seconds, whatever the line says
+    service.m_nCurReqTimeout = 0;  // the default: 15 seconds, whatever the line says
     service.m_tvReqStart = Ago(0);
     ASSERT_EQ(0, service.CalculateRequestTimeout(&left));
     EXPECT_TRUE(left.tv_sec == 14 || left.tv_sec == 15);
