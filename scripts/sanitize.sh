@@ -38,10 +38,12 @@ tsan)
     export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan.supp"
     # The engine's tests: the service engine and the socket front end. ctest run in a folder
     # of the build tree runs only the tests defined there.
+    status=0
     for dir in tests/service tests/io; do
         [ -d "$build/$dir" ] || continue
-        ctest --test-dir "$build/$dir" --output-on-failure -j"$jobs" "$@"
+        ctest --test-dir "$build/$dir" --output-on-failure -j"$jobs" "$@" || status=1
     done
+    exit $status
     ;;
 *)
     echo "usage: $0 asan|tsan [ctest arguments]" >&2

@@ -80,8 +80,9 @@ EngineHarness::~EngineHarness() {
     // Blocked handlers are let go first, so their threads end instead of piling up.
     if (releaseOnExit) TestHal::Release();
     client.Close();
-    delete wrapper;
+    // The loop thread calls into the wrapper: it ends before the wrapper goes.
     StopLoopThread();
+    delete wrapper;
     delete cmdio;
     delete cfg;
     ContextWrapper::SetConfigFilePath(nullptr);

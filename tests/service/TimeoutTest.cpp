@@ -52,7 +52,8 @@ TEST(RequestTimeout, AnswerThatArrivesAfterTheTimeoutIsNotSentTwice) {
 TEST(RequestTimeout, ThreadsLeftBehindEndWhenTheirCallsReturn) {
     EngineHarness h;
     Reply r;
-    ASSERT_TRUE(h.Ask("JXT", r));  // all three services are up
+    // All three services are up, each with all its threads, before the baseline is taken.
+    for (const char* cmd : {"JXT", "JXT+GSENSOR=1", "JXT+CPVERSION"}) ASSERT_TRUE(h.Ask(cmd, r));
     const int baseline = ThreadCount();
     // Seven hung requests queued on each of three services: 21 time-outs, about 7 seconds.
     const int perService = 7;
