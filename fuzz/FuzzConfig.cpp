@@ -24,8 +24,7 @@ void Check(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-// Visits a node the way the reader does (keys, members, elements, typed reads), twice for
-// objects, since a key iteration that has ended must stay ended.
+// Visits a node the way the reader does: keys, members, elements and typed reads.
 void Walk(neb::CJsonObject& node, int depth) {
     if (depth > 64) return;
     std::string s;
@@ -43,7 +42,9 @@ void Walk(neb::CJsonObject& node, int depth) {
         (void)node(key);
         Walk(node[key], depth + 1);
     }
-    Check(!node.GetKey(key));
+    // A finished round starts again from the first member.
+    Check(node.GetKey(key) == (members > 0));
+    node.ResetKey();
     const int size = node.GetArraySize();
     Check(size >= 0);
     for (int k = 0; k < size && k < 256; ++k) {
