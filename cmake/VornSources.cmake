@@ -30,4 +30,5 @@ set(VORN_CORE_SOURCES
     services/MiscService.cpp
     services/SensorService.cpp
     services/ModemService.cpp
+    services/ServiceRequest.cpp
 )

@@ -15,12 +15,11 @@ public:
     static SFMessage* NewInstance(MsgDirection direction, void* soFunc, char const* soFuncName,
                                   int timeout, SFData* request, SFRespData* response);
     virtual ~SFMessage();
-    // Replaces each payload by a clone of the other's; the payloads held before are not
-    // released (the system's assignment is kept as it is).
+    // Replaces each payload by a clone of the other's and releases the payloads held before.
     virtual SFMessage& operator=(SFMessage const& other);
     virtual SFMessage* Clone() const;
 
-    // Each setter deletes the payload it replaces.
+    // Each setter deletes the payload it replaces; setting the payload already held is a no-op.
     void SetRequestData(SFData* data);
     void SetVendorCommandData(SFData* data);
     void SetDeviceCommandData(SFData* data);

@@ -1,1 +1,342 @@
-// Implemented in a later change.
+#include "io/Processer.h"
+
+#include <cutils/sockets.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "core/ErrorCode.h"
+#include "platform/LogMessage.h"
+
+namespace {
+const size_t kNameSize = 256;
+
+// The listening descriptor is written by the loop thread (when it reopens the socket) and read
+// by the threads that answer; the field is a plain int, so both sides go through these.
+int LoadFd(const int& fd) { return __atomic_load_n(&fd, __ATOMIC_ACQUIRE); }
+void StoreFd(int& fd, int value) { __atomic_store_n(&fd, value, __ATOMIC_RELEASE); }
+
+// fd_set holds descriptors below FD_SETSIZE only.
+bool FitsFdSet(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
+
+ssize_t ReadRetrying(int fd, unsigned char* buffer, size_t length) {
+    ssize_t n;
+    do {
+        n = read(fd, buffer, length);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+bool IsClientFd(const std::atomic<int> (&slots)[Processer::kMaxClients], int fd) {
+    for (const auto& slot : slots)
+        if (slot == fd) return true;
+    return false;
+}
+
+void SetNonBlocking(int fd, bool on) {
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) return;
+    fcntl(fd, F_SETFL, on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK));
+}
+}  // namespace
+
+Processer::Processer(char const* name)
+    : m_pSocketName(nullptr),
+      m_nLastClientFd(-1),
+      m_thread(static_cast<pthread_t>(-1)),
+      m_nServerFd(-1),
+      m_pRecvBuf(nullptr) {
+    InitCilent();
+    pthread_cond_init(&m_cond, nullptr);
+    pthread_mutex_init(&m_mutex, nullptr);
+    pthread_attr_init(&m_attr);
+    pthread_attr_setdetachstate(&m_attr, PTHREAD_CREATE_DETACHED);
+    FD_ZERO(&m_readSet);
+    // Without a name there is no name array, and Start refuses with 1001.
+    if (name != nullptr) {
+        m_pSocketName = new char[kNameSize]();
+        size_t length = strlen(name);
+        if (length > kNameSize - 1) {
+            LogMessage(4, "VORN", "Processer").stream()
+                << "socket name of " << length << " bytes cut to " << kNameSize - 1;
+            length = kNameSize - 1;
+        }
+        memcpy(m_pSocketName, name, length);
+    }
+    m_pRecvBuf = new unsigned char[kRecvChunk]();
+    InitServerSock();
+}
+
+// Descriptors stay open: the detached loop thread may still wait on them, and a number closed
+// here could be handed to someone else under it.
+Processer::~Processer() {
+    m_thread = 0;
+    pthread_attr_destroy(&m_attr);
+    pthread_mutex_destroy(&m_mutex);
+    pthread_cond_destroy(&m_cond);
+    delete[] m_pRecvBuf;
+    delete[] m_pSocketName;
+}
+
+int Processer::InitServerSock() {
+    int fd = m_pSocketName ? socket_local_server(m_pSocketName, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
+                                                 SOCK_STREAM)
+                           : -1;
+    if (fd < 0) {
+        StoreFd(m_nServerFd, -1);
+        LogMessage(4, "VORN", "InitServerSock").stream()
+            << "socket_local_server create fail. sockname=" << (m_pSocketName ? m_pSocketName : "");
+        return -1;
+    }
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    StoreFd(m_nServerFd, fd);
+    LogMessage(1, "VORN", "InitServerSock").stream()
+        << "Initialize server(" << m_pSocketName << ") socket: serversock=" << fd;
+    return 0;
+}
+
+void Processer::InitCilent() {
+    for (auto& slot : m_nClientFds) slot = -1;
+    m_nLastClientFd = -1;
+}
+
+int Processer::Start() {
+    if (m_pSocketName == nullptr) {
+        LogMessage(4, "VORN", "Start").stream() << "no socket server name";
+        return ERR_NORMAL;
+    }
+    if (LoadFd(m_nServerFd) < 0) {
+        LogMessage(4, "VORN", "Start").stream() << "server socket fd error";
+        return ERR_INVALID_FD;
+    }
+    return pthread_create(&m_thread, &m_attr, ThreadProc, this);
+}
+
+void* Processer::ThreadProc(void* self) {
+    static_cast<Processer*>(self)->Run();
+    return nullptr;
+}
+
+// Does not end the loop thread: only a signal does. The attributes are made afresh after being
+// destroyed, so that a later Start or the destructor never meets destroyed ones.
+int Processer::Stop() {
+    m_thread = 0;
+    pthread_attr_destroy(&m_attr);
+    pthread_attr_init(&m_attr);
+    pthread_attr_setdetachstate(&m_attr, PTHREAD_CREATE_DETACHED);
+    return 0;
+}
+
+bool Processer::isConnect() {
+    for (const auto& slot : m_nClientFds)
+        if (slot != -1) return true;
+    return false;
+}
+
+// Answers from the client slots and the listening descriptor, never from the read set, which
+// the loop thread rewrites while other threads reply.
+bool Processer::IsValidFD(int fd) {
+    return fd >= 0 && (IsClientFd(m_nClientFds, fd) || fd == LoadFd(m_nServerFd));
+}
+
+int Processer::GetMaxFd() {
+    int maxFd = LoadFd(m_nServerFd);
+    for (const auto& slot : m_nClientFds) {
+        int fd = slot;
+        if (fd != -1 && fd > maxFd) maxFd = fd;
+    }
+    return maxFd;
+}
+
+int Processer::UpdateFdSet(fd_set* set) {
+    if (set == nullptr) {
+        LogMessage(4, "VORN", "UpdateFdSet").stream() << "Invalid fdset";
+        return ERR_INVALID_PARAM;
+    }
+    FD_ZERO(set);
+    int serverFd = LoadFd(m_nServerFd);
+    if (FitsFdSet(serverFd)) FD_SET(serverFd, set);
+    for (const auto& slot : m_nClientFds) {
+        int fd = slot;
+        if (fd != -1 && FitsFdSet(fd)) FD_SET(fd, set);
+    }
+    return 0;
+}
+
+// A descriptor that fd_set cannot hold is refused like an invalid one.
+int Processer::AddClient(int fd) {
+    if (fd < 1 || !FitsFdSet(fd)) {
+        LogMessage(4, "VORN", "AddClient").stream() << "Invalid fd:" << fd;
+        return ERR_NORMAL;
+    }
+    for (auto& slot : m_nClientFds) {
+        if (slot == -1) {
+            slot = fd;
+            return 0;
+        }
+    }
+    LogMessage(4, "VORN", "AddClient").stream()
+        << "Not allow new connection. Reach the limit numer (" << kMaxClients << ")";
+    return ERR_OUT_OF_RANGE;
+}
+
+void Processer::RemoveClient(int index) {
+    if (index < 0 || index >= kMaxClients) {
+        LogMessage(4, "VORN", "RemoveClient").stream() << "Invalid client index:" << index;
+        return;
+    }
+    int fd = m_nClientFds[index];
+    if (fd < 1) {
+        LogMessage(4, "VORN", "RemoveClient").stream() << "Invalid fd:" << fd;
+        return;
+    }
+    m_nClientFds[index] = -1;
+}
+
+// The slot is freed before the descriptor is closed, so a reply can never reach a number that
+// has already been handed to someone else.
+bool Processer::RemoveSpecialCilent(int fd) {
+    for (auto& slot : m_nClientFds) {
+        int expected = fd;
+        pthread_mutex_lock(&m_mutex);
+        const bool mine = slot.compare_exchange_strong(expected, -1);
+        if (mine) close(fd);
+        pthread_mutex_unlock(&m_mutex);
+        if (mine) return true;
+    }
+    LogMessage(1, "VORN", "RemoveSpecialCilent").stream() << "Can't find client: fd=" << fd;
+    return true;
+}
+
+// A fifth client is accepted and left open and unread: AddClient refuses it with a positive
+// code, and only a negative one closes the descriptor. Deliberate.
+void Processer::AcceptConnection(int serverFd) {
+    if (serverFd == -1) {
+        LogMessage(4, "VORN", "AcceptConnection").stream() << "Invalid fd";
+        return;
+    }
+    int fd;
+    do {
+        fd = accept4(serverFd, nullptr, nullptr, SOCK_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        LogMessage(4, "VORN", "AcceptConnection").stream() << "Failed to accept new client";
+        return;
+    }
+    LogMessage(1, "VORN", "AcceptConnection").stream()
+        << "New client connection is accepted: fd=" << fd;
+    if (AddClient(fd) < 0) {
+        LogMessage(4, "VORN", "AcceptConnection").stream() << "Add new client fail";
+        close(fd);
+    }
+}
+
+void Processer::Run() {
+    // False while a transmission spanning whole chunks is read with the descriptor non-blocking.
+    bool blocking = true;
+    for (;;) {
+        if (LoadFd(m_nServerFd) == -1 && InitServerSock() != 0) {
+            sleep(1);
+            continue;
+        }
+        int maxFd = GetMaxFd();
+        UpdateFdSet(&m_readSet);
+        // Only while it is still one of ours: the number of a client that left may already
+        // belong to another part of the process.
+        int lastFd = m_nLastClientFd;
+        if (lastFd != -1 && IsClientFd(m_nClientFds, lastFd)) fcntl(lastFd, F_SETFL, 0);
+
+        if (select(maxFd + 1, &m_readSet, nullptr, nullptr, nullptr) < 1) {
+            if (errno == EINTR) break;
+            continue;
+        }
+        int serverFd = LoadFd(m_nServerFd);
+        if (FitsFdSet(serverFd) && FD_ISSET(serverFd, &m_readSet)) {
+            AcceptConnection(serverFd);
+            continue;
+        }
+
+        for (int i = 0; i < kMaxClients; ++i) {
+            int fd = m_nClientFds[i];
+            if (fd == -1 || !FitsFdSet(fd) || !FD_ISSET(fd, &m_readSet)) continue;
+
+            // Chunk 0 is the receive buffer; the others exist only for long transmissions.
+            std::vector<std::unique_ptr<unsigned char[]>> extra;
+            size_t total = 0;
+            bool gone = false;
+            for (int k = 0;;) {
+                if (k == 1 && blocking) {
+                    SetNonBlocking(fd, true);
+                    blocking = false;
+                }
+                unsigned char* chunk = m_pRecvBuf;
+                if (k == 0) {
+                    memset(m_pRecvBuf, 0, kRecvChunk);
+                } else {
+                    extra.emplace_back(new unsigned char[kRecvChunk]());
+                    chunk = extra.back().get();
+                }
+                ssize_t n = ReadRetrying(fd, chunk, kRecvChunk);
+                if (n > 0) {
+                    total += static_cast<size_t>(n);
+                    DUMPLOG("VORN", "CmdProcessor", chunk, n);
+                    if (n < kRecvChunk) break;
+                    // At most 8 chunks; the rest stays in the socket and arrives as the next
+                    // transmission.
+                    if (++k == kMaxChunks) break;
+                    continue;
+                }
+                if (n < 0 && errno == EAGAIN) {
+                    LogMessage(4, "VORN", "Run").stream() << "No data to read,Receive completed!!!";
+                    gone = blocking;
+                } else {
+                    // A peer that closes in the middle of a long transmission leaves nothing to
+                    // deliver: its chunks are released and the client is dropped at once.
+                    extra.clear();
+                    gone = true;
+                }
+                break;
+            }
+
+            if (gone) {
+                LogMessage(4, "VORN", "Run").stream() << "disconnect client[" << i << "]...";
+                // The slot is freed and the descriptor closed under the reply lock, so no reply
+                // is ever written to a number that is being closed or already reused.
+                pthread_mutex_lock(&m_mutex);
+                RemoveClient(i);
+                close(fd);
+                pthread_mutex_unlock(&m_mutex);
+                FD_CLR(fd, &m_readSet);
+                blocking = true;
+                continue;
+            }
+            void* client = &m_nClientFds[i];
+            if (total < static_cast<size_t>(kRecvChunk)) {
+                LogMessage(1, "VORN", "Run").stream() << "received size =" << total;
+                HandleRequest(m_pRecvBuf, static_cast<int>(total), client);
+            } else {
+                std::unique_ptr<unsigned char[]> block(new unsigned char[total + 1]());
+                memcpy(block.get(), m_pRecvBuf, kRecvChunk);
+                size_t copied = kRecvChunk;
+                for (const auto& part : extra) {
+                    size_t size = std::min(total - copied, static_cast<size_t>(kRecvChunk));
+                    memcpy(block.get() + copied, part.get(), size);
+                    copied += size;
+                }
+                extra.clear();
+                DUMPLOG("VORN", " <<VORN>>", block.get(), total);
+                HandleRequest(block.get(), static_cast<int>(total), client);
+            }
+            m_nLastClientFd = fd;
+            if (!blocking) SetNonBlocking(fd, false);
+            blocking = true;
+        }
+    }
+    LogMessage(4, "VORN", "Run").stream() << "got signal";
+}

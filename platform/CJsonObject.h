@@ -28,6 +28,7 @@ public:
     void Clear();
     bool IsEmpty() const;
     bool IsArray() const;
+    bool IsObject() const;
     std::string ToString() const;
 
     // Member names of an object, one per call, in document order.
@@ -48,15 +49,22 @@ public:
 
 private:
     CJsonObject(cJSON* node, std::shared_ptr<cJSON> root);
+    // The member named `key`: the occurrence GetKey yielded last when it has that name (so a
+    // repeated key reads its own value), else the first one.
     cJSON* Member(const std::string& key) const;
     cJSON* Element(int index) const;
+    CJsonObject& Child(cJSON* node);
 
     std::shared_ptr<cJSON> m_root;  // owns the parsed document
     cJSON* m_node;                  // this node inside it, or null for an empty node
     cJSON* m_keyCursor;             // next member for GetKey
+    cJSON* m_lastKey;               // member GetKey yielded last
     bool m_bKeyStarted;
-    std::map<std::string, std::unique_ptr<CJsonObject>> m_members;
-    std::map<unsigned int, std::unique_ptr<CJsonObject>> m_elements;
+    // Last array element reached: reading elements in order costs one step each.
+    mutable cJSON* m_elemCursor = nullptr;
+    mutable int m_elemIndex = -1;
+    // Child nodes handed out by reference, one per JSON node, so they keep their own state.
+    std::map<const cJSON*, std::unique_ptr<CJsonObject>> m_children;
 };
 
 }  // namespace neb

@@ -22,6 +22,11 @@ public:
     void AddAvailableService(int serviceId, SFService* service);
     int SendResponse(const sf_response* resp);
 
+    // The configuration file the constructor reads; "/vendor/etc/vorn.json" unless a host (or
+    // a test) names another before Initialize.
+    static void SetConfigFilePath(const char* path);
+    static const char* GetConfigFilePath();
+
     CmdIOService* m_pCmdIOService;
     ConfigManager* m_pCfgMgr;
 };

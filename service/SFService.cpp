@@ -1,1 +1,189 @@
-// Implemented in a later change.
+// Construction, initialisation, the notification pipe, the worker threads and destruction.
+#include "service/SFService.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/LogMessage.h"
+
+SFService::SFService(ContextWrapper* context, int serviceId)
+    : m_pMonitorThread(nullptr),
+      m_pResponseThread(nullptr),
+      m_pRequestThread(nullptr),
+      m_tvReqStart{0, 0},
+      m_nMsgPipeR(-1),
+      m_nMsgPipeW(-1),
+      m_bInit(false),
+      m_pCurReqMsg(nullptr),
+      m_strServiceName(ConvertServiceName(serviceId)),
+      m_nServiceId(serviceId),
+      m_pContext(context),
+      m_pResponse(nullptr),
+      m_pVendorCmdBuf(nullptr),
+      m_bTimeoutHandling(false),
+      m_pDllParser(nullptr),
+      m_bStopping(false),
+      m_nCurReqTimeout(0) {
+    m_pDllParser = new DllParser();
+    m_pDllParser->SetTag("VORN");
+    pthread_mutex_init(&m_mtxPipeWrite, nullptr);
+    // Both run as the base versions: the object is still an SFService here.
+    Init();
+    insertCmd(static_cast<ServiceId>(serviceId));
+}
+
+int SFService::Init() {
+    LogMessage(2, "VORN", "Init").stream() << "[" << m_strServiceName << "] start.";
+    if (m_bInit) {
+        LogMessage(1, "VORN", "Init").stream() << m_strServiceName << " already initialized";
+        return 1001;
+    }
+    if (OnCreate() < 0) {
+        LogMessage(4, "VORN", "Init").stream() << m_strServiceName << " OnCreate error";
+        return 1001;
+    }
+    m_pVendorCmdBuf = new char[sizeof(sf_response::text)]();
+    m_pResponse = new sf_response;
+    InitMessageQueue();
+    if (OpenMessagePipe() != 0) {
+        LogMessage(4, "VORN", "Init").stream() << m_strServiceName << " Fail to open message pipe";
+        return 1001;
+    }
+    CreateMonitorThread();
+    m_bInit = true;
+    LogMessage(2, "VORN", "Init").stream() << "[" << m_strServiceName << "] end.";
+    return 0;
+}
+
+int SFService::OnStart() {
+    CreateRequestThread();
+    CreateResponseThread();
+    return 0;
+}
+
+int SFService::OnCreate() { return 0; }
+
+int SFService::OpenMessagePipe() {
+    // The write end is swapped under the write lock, so a writer never hits a number that
+    // has just been closed (and perhaps reused by another open).
+    pthread_mutex_lock(&m_mtxPipeWrite);
+    if (m_nMsgPipeR != -1) {
+        LogMessage(4, "VORN", "OpenMessagePipe").stream()
+            << m_strServiceName << " Open command pipe again(m_nMsgPipeR)";
+        close(m_nMsgPipeR.exchange(-1));
+    }
+    if (m_nMsgPipeW != -1) {
+        LogMessage(4, "VORN", "OpenMessagePipe").stream()
+            << m_strServiceName << " Open command pipe again(m_nMsgPipeW)";
+        close(m_nMsgPipeW.exchange(-1));
+    }
+    int fds[2];
+    int rc = 0;
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        rc = errno;
+        LogMessage(4, "VORN", "OpenMessagePipe").stream()
+            << m_strServiceName << " Command pipe create fail";
+    } else {
+        m_nMsgPipeR = fds[0];
+        m_nMsgPipeW = fds[1];
+    }
+    pthread_mutex_unlock(&m_mtxPipeWrite);
+    return rc;
+}
+
+int SFService::InitMessageQueue() {
+    m_reqQueue.SetActive(true);
+    m_respQueue.SetActive(true);
+    return 0;
+}
+
+int SFService::ClearMessageQueue() {
+    m_reqQueue.SetActive(false);
+    m_reqQueue.clear();
+    m_respQueue.SetActive(false);
+    m_respQueue.clear();
+    return 0;
+}
+
+namespace {
+int StartHolder(ServiceThread*& field, SFService* service, int kind) {
+    field = new ServiceThread{nullptr, nullptr, service, kind};
+    return field->Start();
+}
+
+void DestroyHolder(ServiceThread*& field) {
+    if (!field) return;
+    // Deleting the Thread never blocks: a thread still inside a handler is only marked, and
+    // it leaves without touching the runnable deleted next.
+    delete field->thread;
+    delete field->runnable;
+    delete field;
+    field = nullptr;
+}
+}  // namespace
+
+int SFService::CreateMonitorThread() { return StartHolder(m_pMonitorThread, this, MONITOR_THREAD); }
+int SFService::CreateRequestThread() { return StartHolder(m_pRequestThread, this, REQUEST_THREAD); }
+int SFService::CreateResponseThread() {
+    return StartHolder(m_pResponseThread, this, RESPONSE_THREAD);
+}
+void SFService::DestroyMonitorThread() { DestroyHolder(m_pMonitorThread); }
+void SFService::DestroyRequestThread() { DestroyHolder(m_pRequestThread); }
+void SFService::DestroyResponseThread() { DestroyHolder(m_pResponseThread); }
+
+const char* SFService::GetServiceName() { return m_strServiceName.c_str(); }
+
+void SFService::StopServiceThreads() {
+    if (m_bStopping.exchange(true)) return;
+    // Wake every wait of the three loops: the queues' conditions and the monitor's select.
+    m_reqQueue.SetActive(false);
+    m_respQueue.SetActive(false);
+    pthread_mutex_lock(&m_mtxPipeWrite);
+    const int w = m_nMsgPipeW;
+    if (w != -1) {
+        const char wake = 0;
+        while (write(w, &wake, 1) < 0 && errno == EINTR) {
+        }
+    }
+    pthread_mutex_unlock(&m_mtxPipeWrite);
+    // The monitor first: it creates the other two at boot and replaces the request thread on
+    // a timeout, so their holders are read only once it has stopped.
+    if (m_pMonitorThread && m_pMonitorThread->thread) m_pMonitorThread->thread->Quiesce();
+    if (m_pRequestThread && m_pRequestThread->thread) m_pRequestThread->thread->Quiesce();
+    if (m_pResponseThread && m_pResponseThread->thread) m_pResponseThread->thread->Quiesce();
+}
+
+SFService::~SFService() {
+    StopServiceThreads();
+    ClearMessageQueue();
+    if (m_nMsgPipeR != -1) {
+        LogMessage(3, "VORN", "~SFService").stream() << "Stop error: m_nMsgPipeR is -1";
+        close(m_nMsgPipeR.exchange(-1));
+    }
+    if (m_nMsgPipeW != -1) {
+        LogMessage(3, "VORN", "~SFService").stream() << "Stop error: m_nMsgPipeW is -1";
+        close(m_nMsgPipeW.exchange(-1));
+    }
+    // The current request goes with the thread that may still be using it.
+    if (SFMessage* cur = m_pCurReqMsg.exchange(nullptr)) {
+        if (m_pRequestThread && m_pRequestThread->thread)
+            m_pRequestThread->thread->DeferToReturn([cur] { delete cur; });
+        else
+            delete cur;
+    }
+    delete m_pResponse;
+    m_pResponse = nullptr;
+    delete[] m_pVendorCmdBuf;
+    m_pVendorCmdBuf = nullptr;
+    DestroyRequestThread();
+    DestroyResponseThread();
+    DestroyMonitorThread();
+    pthread_mutex_destroy(&m_mtxPipeWrite);
+    m_pDllParser->UnLoad();
+    delete m_pDllParser;
+    m_pDllParser = nullptr;
+    // The rows stay: the vendor-command table keeps pointing at their command texts.
+    m_cmdList.clear();
+}

@@ -106,11 +106,15 @@ public:
 
     // Is the service being destroyed? Thread loops leave when it is.
     bool IsStopping() const { return m_bStopping.load(std::memory_order_acquire); }
+    // Brings the three threads out of the engine's code: each ends, or is left behind in a
+    // handler or HAL call that will never touch the service again. The destructor of every
+    // service calls it first, before the object's dynamic type starts to change.
+    void StopServiceThreads();
 
     ServiceThread* m_pMonitorThread;
     ServiceThread* m_pResponseThread;
     ServiceThread* m_pRequestThread;
-    struct timeval m_tvReqStart;  // written and read by the monitor thread only
+    struct timeval m_tvReqStart;     // written and read by the monitor thread only
     pthread_mutex_t m_mtxPipeWrite;  // guards writes to m_nMsgPipeW
     MessageQueue<SFMessage> m_reqQueue;
     MessageQueue<SFMessage> m_respQueue;
@@ -131,6 +135,11 @@ public:
 
 private:
     std::atomic<bool> m_bStopping;  // set first thing by the destructor
+
+public:
+    // The current request's time-out, published by the request thread with m_pCurReqMsg, so
+    // the monitor never reads a message that the request thread may be deleting.
+    std::atomic<int> m_nCurReqTimeout;
 };
 
 #endif

@@ -1,1 +1,196 @@
-// Implemented in a later change.
+// The request and response passes and the queues between them.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "io/Formatter.h"
+#include "io/SFCommandParser.h"
+#include "platform/LogMessage.h"
+#include "platform/Thread.h"
+#include "routing/SFServiceManager.h"
+#include "service/SFService.h"
+
+namespace {
+// The engine keeps the reply text zero-terminated inside the 3172-byte record.
+constexpr uint32_t kMaxRecord = sizeof(sf_response::text) - 1;
+
+const cmd_entry* FindRow(const std::list<cmd_entry*>& rows, const std::string& header) {
+    for (const cmd_entry* row : rows)
+        if (header == row->command) return row;
+    return nullptr;
+}
+}  // namespace
+
+int SFService::EnQueue(SFMessage* msg) {
+    if (!msg) {
+        LogMessage(4, "VORN", "EnQueue").stream()
+            << m_strServiceName << "Message enqueue fail: message is nullptr";
+        return 1008;
+    }
+    if (msg->direction == MSG_RESPONSE) {
+        SFRespData* resp = msg->GetResponseData();
+        if (LogMessage::IsOn(1)) {
+            LogMessage(1, "VORN", "EnQueue").stream()
+                << "return is " << (resp ? resp->result : 1006);
+            DUMPLOG("VORN", "[RESPONSE]", resp ? resp->data : nullptr, resp ? resp->length : 0);
+        }
+        m_respQueue.enqueue(msg);
+        return 0;
+    }
+    if (msg->direction == MSG_REQUEST) {
+        SFData* req = msg->GetRequestData();
+        DUMPLOG("VORN", "[REQUEST]", req ? req->data : nullptr, req ? req->length : 0);
+        m_reqQueue.enqueue(msg);
+        return 0;
+    }
+    LogMessage(4, "VORN", "EnQueue").stream() << m_strServiceName << "message direction error";
+    return 1008;
+}
+
+int SFService::NotifyNewMessage(MsgDirection direction) {
+    if (LogMessage::IsOn(1))
+        LogMessage(1, "VORN", "NotifyNewMessage").stream()
+            << "get new message by direction"
+            << (direction == MSG_REQUEST ? "(REQUEST)" : "(RESPONSE)");
+    ssize_t written = 0;
+    if (m_nMsgPipeW != -1) {
+        const char byte = static_cast<char>(direction & 0xff);
+        pthread_mutex_lock(&m_mtxPipeWrite);
+        const int fd = m_nMsgPipeW;
+        if (fd != -1) {
+            do {
+                written = write(fd, &byte, 1);
+            } while (written < 0 && errno == EINTR);
+        }
+        pthread_mutex_unlock(&m_mtxPipeWrite);
+        if (written > 0) return 0;
+    }
+    LogMessage(4, "VORN", "NotifyNewMessage").stream()
+        << "Notify new message fail: m_nMsgPipeW is -1";
+    return 1001;
+}
+
+int SFService::NotifyNewMessage(SFMessage* msg) { return NotifyNewMessage(msg->direction); }
+
+SFMessage* SFService::reqDeQ() { return m_reqQueue.dequeue(); }
+
+SFMessage* SFService::respDeQ() { return m_respQueue.dequeue(); }
+
+int SFService::HandleRequest() {
+    if (m_bTimeoutHandling) {
+        LogMessage(1, "VORN", "HandleRequest").stream()
+            << m_strServiceName << ": Timeout thread is processing. Wait...";
+        usleep(20000);
+        return 0;
+    }
+    // The previous request is released only now, when the next one is taken.
+    delete m_pCurReqMsg.exchange(nullptr);
+    SFMessage* msg = reqDeQ();
+    if (!msg) return 0;  // the queue was switched off, or a wake-up found it empty
+    m_nCurReqTimeout = msg->timeout;
+    m_pCurReqMsg = msg;
+    NotifyNewMessage(msg);  // the monitor starts timing it
+
+    // Handlers are foreign code: if one outlives its timeout, the monitor takes the request
+    // away and this thread, once it comes back, leaves without touching anything shared.
+    Thread::BeginForeignCall();
+    OnHandleRequest(msg);
+    if (!Thread::EndForeignCall()) return 0;
+
+    SFData* vendor = msg->GetVendorCommandData();
+    std::string text = (vendor && vendor->data) ? std::string(vendor->data, vendor->length) : "";
+    std::string header;
+    SFCommandParser::GetCommandHeader(text, header);
+    if (const cmd_entry* row = FindRow(m_cmdList, header)) {
+        Thread::BeginForeignCall();
+        SFRespData* resp = row->handler ? row->handler(msg, this) : DoRequest(msg, this);
+        if (!Thread::EndForeignCall()) {
+            delete resp;  // answered by the timeout already
+            return 0;
+        }
+        if (resp) {
+            SFMessage* reply = msg->Clone();
+            reply->direction = MSG_RESPONSE;
+            reply->SetResponseData(resp);
+            EnQueue(reply);
+        }
+    }
+    if (m_reqQueue.size() == 0) {
+        const MsgDirection direction = msg->direction;
+        delete m_pCurReqMsg.exchange(nullptr);
+        NotifyNewMessage(direction);  // tells the monitor that nothing runs
+    }
+    return 0;
+}
+
+int SFService::HandleResponse() {
+    std::unique_ptr<SFMessage> msg(respDeQ());
+    if (!msg) {
+        // Being woken to shut down is no error worth a line.
+        if (!IsStopping()) LogMessage(4, "VORN", "HandleResponse").stream() << "message is null";
+        return 2;
+    }
+    SFRespData* resp = msg->GetResponseData();
+    SFData* req = msg->GetRequestData();
+    uint32_t reqLen = req ? req->length : 0;
+    uint32_t respLen = resp ? resp->length : 0;
+    // A record must fit the reply record: the response bytes are cut first, then the echoed
+    // command, so that the client always gets a well-formed record.
+    if (12 + uint64_t(reqLen) + respLen > kMaxRecord) {
+        const uint32_t oldReq = reqLen, oldResp = respLen;
+        reqLen = std::min<uint32_t>(reqLen, kMaxRecord - 12);
+        respLen = std::min<uint32_t>(respLen, kMaxRecord - 12 - reqLen);
+        LogMessage(3, "VORN", "HandleResponse").stream()
+            << m_strServiceName << " reply cut to fit the record: request " << oldReq << "->"
+            << reqLen << ", response " << oldResp << "->" << respLen;
+    }
+    Formatter formatter;
+    formatter.SetResult(resp ? resp->result : 1006);
+    formatter.SetRequest(req ? req->data : nullptr, static_cast<int>(reqLen));
+    formatter.SetResponse(resp ? resp->data : nullptr, static_cast<int>(respLen));
+    unsigned char* output = nullptr;
+    int outputLength = 0;
+    formatter.GetOutputData(&output, outputLength);
+    std::memset(m_pResponse, 0, sizeof(sf_response));
+    if (output && outputLength > 0) {
+        m_pResponse->length = static_cast<uint32_t>(outputLength);
+        std::memcpy(m_pResponse->text, output, static_cast<size_t>(outputLength));
+    }
+    delete[] output;
+    m_pResponse->direction = resp ? static_cast<int32_t>(resp->direction) : DATA_RESPONSE;
+    msg.reset();
+    SFServiceManager* manager = SFServiceManager::GetServiceManager();
+    if (!manager) {
+        LogMessage(4, "VORN", "HandleResponse").stream()
+            << "service manager is null or handle response is fail(" << 1 << ")";
+        return 1;
+    }
+    manager->HandleResponse(m_pResponse);
+    return 0;
+}
+
+int SFService::OnHandleRequest(SFMessage* /*msg*/) { return 1; }
+
+SFRespData* SFService::DoRequest(SFMessage* msg, void* service) {
+    return static_cast<SFService*>(service)->ConvertPCBAResponse(msg, 1, nullptr, 0);
+}
+
+bool SFService::OnHandleResponse(const char* data, int len, sf_response* out) {
+    std::memset(out->text, 0, sizeof out->text);
+    out->length =
+        len < static_cast<int>(kMaxRecord) ? static_cast<uint32_t>(std::max(len, 0)) : kMaxRecord;
+    if (data && out->length) std::memcpy(out->text, data, out->length);
+    return true;
+}
+
+bool SFService::OnHandleResponse(bool flag, response_info* info, sf_response* out) {
+    std::memset(out->text, 0, sizeof out->text);
+    if (flag) return true;
+    if (out->length >= sizeof out->text) out->length = kMaxRecord;
+    if (info && out->length) std::memcpy(out->text, info, out->length);
+    return true;
+}

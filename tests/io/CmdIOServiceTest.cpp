@@ -1,0 +1,133 @@
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "io/RecordingServer.h"
+#include "support/TestSupport.h"
+
+using vorn_test::Client;
+using vorn_test::LogCapture;
+using vorn_test::Reply;
+
+namespace {
+const auto kQuiet = std::chrono::milliseconds(50);
+
+// A server with one connected client whose first transmission has arrived.
+RecordingServer* ServerWithClient(const char* stem, Client& client, const std::string& command) {
+    RecordingServer* server = RecordingServer::Launch(stem);
+    size_t before = server->Received().size();
+    EXPECT_TRUE(client.Connect(server->Name()));
+    EXPECT_TRUE(client.Send(command));
+    EXPECT_TRUE(server->AwaitCount(before + 1));
+    return server;
+}
+}  // namespace
+
+TEST(CmdIOService, ErrorRecordGoesToTheClientOfTheLatestCommand) {
+    Client a, b;
+    RecordingServer* server = ServerWithClient("latest", a, "JXT+A=1");
+    ASSERT_TRUE(b.Connect(server->Name()));
+    ASSERT_TRUE(b.Send("JXT+UNKNOWN\r"));
+    ASSERT_TRUE(server->AwaitCount(2));
+
+    server->ErrorResponse("JXT+UNKNOWN\r", 12, 1003);
+    Reply reply;
+    ASSERT_TRUE(b.ReadReply(reply));
+    EXPECT_EQ(1003, reply.result);
+    EXPECT_EQ("JXT+UNKNOWN\r", reply.request);
+    EXPECT_EQ("1003:Unsupport command\r\n", reply.response);
+
+    server->ErrorResponse("JXT+X", 5, 1008);
+    ASSERT_TRUE(b.ReadReply(reply));
+    EXPECT_EQ("1008:The parameter is invalid\r\n", reply.response);
+    EXPECT_EQ(48u, 12 + reply.request.size() + reply.response.size());
+
+    // An empty request gives no record at all.
+    server->ErrorResponse("", 0, 1001);
+    EXPECT_EQ("", b.ReadAvailable(kQuiet));
+    EXPECT_EQ("", a.ReadAvailable(kQuiet));
+}
+
+TEST(CmdIOService, ReplyToAVanishedClientIsDroppedWithoutSigpipe) {
+    Client client;
+    RecordingServer* server = ServerWithClient("gone", client, "JXT+A");
+    server->Hold();
+    ASSERT_TRUE(client.Send("JXT+B"));
+    ASSERT_TRUE(server->AwaitCount(2));
+    // The loop thread is held in the callback, so the slot still names the closed peer.
+    client.Close();
+    void* target = server->ReplyTarget();
+    EXPECT_EQ(-1, server->HandleResponse(reinterpret_cast<const unsigned char*>("x"), 1, target));
+    EXPECT_EQ(EPIPE, errno);
+    server->Let();
+    ASSERT_TRUE(vorn_test::Await([&] { return server->ClientFd(0) == -1; }));
+    EXPECT_EQ(0, server->HandleResponse(reinterpret_cast<const unsigned char*>("x"), 1, target));
+    EXPECT_EQ(0, server->SendResponse(2, "x", 1));
+}
+
+TEST(CmdIOService, ReplyLongerThanTheStagingRecordIsRefused) {
+    LogCapture log;
+    Client client;
+    RecordingServer* server = ServerWithClient("oversize", client, "JXT+A");
+    std::string fits = vorn_test::EncodeReply(0, "JXT+A", std::string(3172 - 17, 'r'));
+    EXPECT_EQ(0, server->SendResponse(2, fits.data(), fits.size()));
+    Reply reply;
+    ASSERT_TRUE(client.ReadReply(reply));
+    EXPECT_EQ(3172u - 17, reply.response.size());
+
+    std::string big(3173, 'x');
+    EXPECT_EQ(1009, server->SendResponse(2, big.data(), big.size()));
+    EXPECT_TRUE(
+        log.Has("reply of 3173 bytes exceeds the staging record (3172)", "SendResponse", 4));
+    EXPECT_EQ("", client.ReadAvailable(kQuiet));
+
+    // An error reply cuts the echoed command instead, so it still arrives whole.
+    server->ErrorResponse(big.data(), 3173, 1003);
+    ASSERT_TRUE(client.ReadReply(reply));
+    EXPECT_EQ(1003, reply.result);
+    EXPECT_EQ("1003:Unsupport command\r\n", reply.response);
+    EXPECT_EQ(3172u, 12 + reply.request.size() + reply.response.size());
+    EXPECT_TRUE(log.Has("echo of a 3173-byte command cut to 3136 bytes", "ErrorResponse", 3));
+}
+
+TEST(CmdIOService, RepliesFromTwoThreadsNeverInterleave) {
+    Client client;
+    RecordingServer* server = ServerWithClient("race", client, "JXT+A");
+    const int kEach = 200;
+    std::atomic<int> sent{0}, seen{0};
+    // Replies never wait for a slow reader, so the senders keep only a few records in flight.
+    auto sender = [&](char fill) {
+        std::string record = vorn_test::EncodeReply(0, std::string(1500, fill), "");
+        for (int i = 0; i < kEach; ++i) {
+            vorn_test::Await([&] { return sent - seen < 8; });
+            ++sent;
+            server->SendResponse(2, record.data(), record.size());
+        }
+    };
+    std::thread reader([&] {
+        Reply reply;
+        while (seen < 2 * kEach && client.ReadReply(reply)) {
+            ++seen;
+            ASSERT_EQ(std::string(1500, reply.request[0]), reply.request);
+        }
+    });
+    std::thread a(sender, 'a'), b(sender, 'b');
+    a.join();
+    b.join();
+    reader.join();
+    EXPECT_EQ(2 * kEach, seen);
+}
+
+TEST(CmdIOService, InternalCommandsUseTheCallbackButNotTheReplyTarget) {
+    RecordingServer* server = RecordingServer::Launch("internal");
+    EXPECT_EQ(1008, server->InternalBufferedFlush("", 0));
+    EXPECT_EQ(0, server->InternalBufferedFlush("JXT+I", 5));
+    EXPECT_EQ("JXT+I", server->Received().at(0));
+    EXPECT_EQ(nullptr, server->ReplyTarget());
+    server->CmdIOCallback(nullptr, nullptr);
+    EXPECT_EQ(1008, server->InternalBufferedFlush("JXT+I", 5));
+}

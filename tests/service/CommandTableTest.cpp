@@ -1,0 +1,156 @@
+// The command table, intake refusals, response data and the reply record of a service.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "support/TestSupport.h"
+#include "vorn_core.h"
+
+using namespace vorn_test;
+
+namespace {
+
+SFRespData* AnswerA(SFMessage*, void*) { return new SFRespData(0, "A", 1, DATA_RESPONSE); }
+SFRespData* AnswerB(SFMessage*, void*) { return new SFRespData(0, "B", 1, DATA_RESPONSE); }
+SFRespData* AnswerNothing(SFMessage*, void*) { return nullptr; }
+
+// A service with no configuration (no context): only the rows a test inserts.
+class BareService : public SFService {
+public:
+    explicit BareService(int id = 9) : SFService(nullptr, id) {}
+    ~BareService() override { StopServiceThreads(); }
+};
+
+class CommandTable : public ::testing::Test {
+protected:
+    LogCapture log;
+};
+
+TEST_F(CommandTable, RowsNeedingAMissingHalFunctionOrTooLongANameAreRefused) {
+    BareService s;
+    s.insert(DATA_REQUEST, 1, "JXT+T_NOHAL", nullptr, nullptr, "f", true);
+    EXPECT_TRUE(log.Has("UNKNOWN_SERVICEcommand(JXT+T_NOHAL) intert fail!!!", "insert", 4));
+    const std::string longName(128, 'N');
+    s.insert(DATA_REQUEST, 1, longName.c_str(), AnswerA, nullptr, nullptr, false);
+    s.insert(DATA_REQUEST, 1, "JXT+T_OK", AnswerA, nullptr, std::string(300, 'F').c_str(), false);
+    EXPECT_EQ(2, log.CountContaining("must be shorter than 128 bytes"));
+    EXPECT_TRUE(s.m_cmdList.empty());
+    const std::string longest(127, 'M');
+    s.insert(DATA_REQUEST, 1, longest.c_str(), AnswerA, nullptr, nullptr, false);
+    ASSERT_EQ(1u, s.m_cmdList.size());
+    EXPECT_EQ(longest, s.m_cmdList.front()->command);
+}
+
+TEST_F(CommandTable, FirstRowOfAGivenNameWins) {
+    BareService s;
+    s.insert(DATA_REQUEST, 1, "JXT+T_DUP", AnswerA, nullptr, nullptr, false);
+    s.insert(DATA_REQUEST, 1, "JXT+T_DUP", AnswerB, nullptr, nullptr, false);
+    SFServiceManager::Initialize(nullptr);
+    SFServiceManager::GetServiceManager()->AddService(9, &s);
+    sf_response resp{};
+    SFData cmd("JXT+T_DUP=1", 11, DATA_REQUEST);
+    EXPECT_TRUE(s.HandleInternalRequest(&cmd, &resp, false));
+    EXPECT_EQ(std::string("A"), std::string(resp.text, resp.length));
+    // A handler that answers nothing leaves the record as it was.
+    s.insert(DATA_REQUEST, 1, "JXT+T_NONE", AnswerNothing, nullptr, nullptr, false);
+    SFData none("JXT+T_NONE", 10, DATA_REQUEST);
+    resp.length = 99;
+    EXPECT_TRUE(s.HandleInternalRequest(&none, &resp, false));
+    EXPECT_EQ(99u, resp.length);
+    EXPECT_TRUE(log.Has("data is empty", "HandleInternalRequest", 1));
+    SFServiceManager::GetServiceManager()->m_services.clear();  // the test owns the service
+    SFServiceManager::Release();
+}
+
+TEST_F(CommandTable, IntakeRefusesEmptyAndUnknownCommands) {
+    BareService s;
+    EXPECT_FALSE(s.OnHandleCommand(nullptr, 3));
+    EXPECT_FALSE(s.OnHandleCommand("JXT", 0));
+    EXPECT_EQ(2, log.Count("UNKNOWN_SERVICEEmpty command to handle nothing!!!", "OnHandleCommand"));
+    EXPECT_FALSE(s.OnHandleCommand("JXT+NOT_HERE=1", 14));
+    EXPECT_TRUE(log.Has("UNKNOWN_SERVICEUnsupport command()!!!", "OnHandleCommand", 4));
+    const std::string huge = "JXT+T_OK=" + std::string(30000, 'x');
+    s.insert(DATA_REQUEST, 1, "JXT+T_OK", AnswerA, nullptr, nullptr, false);
+    EXPECT_FALSE(s.OnHandleCommand(huge.c_str(), static_cast<int>(huge.size())));
+}
+
+TEST(ResponseData, CodesOutsideTheTableBecomeNormalError) {
+    BareService s;
+    auto text = [](SFRespData* d) { return std::string(d->data ? d->data : "", d->length); };
+    std::unique_ptr<SFRespData> d(s.ConvertPCBAResponse(nullptr, 5000, nullptr, 0));
+    EXPECT_EQ(1001, d->result);
+    EXPECT_EQ("1001:Normal error\r\n", text(d.get()));
+    d.reset(s.ConvertPCBAResponse(nullptr, -1, nullptr, 0));
+    EXPECT_EQ(1001, d->result);
+    d.reset(s.ConvertPCBAResponse(nullptr, 1010, nullptr, 0));
+    EXPECT_EQ("1010:Unknow error\r\n", text(d.get()));
+    d.reset(s.ConvertPCBAResponse(nullptr, 0, nullptr, 0));
+    EXPECT_EQ(0, d->result);
+    EXPECT_EQ(nullptr, d->data);
+    d.reset(s.ConvertPCBAResponse(nullptr, 22, "bytes", 5));
+    EXPECT_EQ(22, d->result);
+    EXPECT_EQ("bytes", text(d.get()));
+    EXPECT_EQ(DATA_RESPONSE, d->direction);
+}
+
+TEST(ReplyRecord, OnHandleResponseCutsAndClears) {
+    BareService s;
+    auto out = std::make_unique<sf_response>();
+    const std::string big(5000, 'z');
+    EXPECT_TRUE(s.OnHandleResponse(big.c_str(), static_cast<int>(big.size()), out.get()));
+    EXPECT_EQ(3171u, out->length);
+    EXPECT_EQ('\0', out->text[3171]);
+    EXPECT_TRUE(s.OnHandleResponse("abc", 3, out.get()));
+    EXPECT_EQ(3u, out->length);
+    EXPECT_TRUE(s.OnHandleResponse(true, nullptr, out.get()));
+    EXPECT_EQ(3u, out->length);
+    EXPECT_EQ('\0', out->text[0]);
+    response_info info{};
+    std::memset(info.bytes, 'i', sizeof info.bytes);
+    out->length = 9999;
+    EXPECT_TRUE(s.OnHandleResponse(false, &info, out.get()));
+    EXPECT_EQ(3171u, out->length);
+    EXPECT_EQ('i', out->text[3170]);
+}
+
+TEST_F(CommandTable, QueueRefusesNullAndBadDirections) {
+    BareService s;
+    EXPECT_EQ(1008, s.EnQueue(nullptr));
+    EXPECT_TRUE(log.Has("UNKNOWN_SERVICEMessage enqueue fail: message is nullptr", "EnQueue", 4));
+    SFMessage odd(static_cast<MsgDirection>(7), nullptr, nullptr, 0, nullptr, nullptr);
+    EXPECT_EQ(1008, s.EnQueue(&odd));
+    EXPECT_TRUE(log.Has("UNKNOWN_SERVICEmessage direction error", "EnQueue", 4));
+    EXPECT_FALSE(s.CheckDeviceCommand(nullptr));
+    EXPECT_FALSE(s.CheckDeviceCommand(&odd));
+    odd.SetDeviceCommandData(new SFData(nullptr, 0, DATA_REQUEST));
+    EXPECT_FALSE(s.CheckDeviceCommand(&odd));
+    EXPECT_TRUE(log.Has("message is empty!!!", "CheckDeviceCommand"));
+    EXPECT_TRUE(log.Has("Device COMMAND is empty!!!", "CheckDeviceCommand"));
+    EXPECT_TRUE(log.Has("COMMAND data is empty!!!", "CheckDeviceCommand"));
+}
+
+TEST_F(CommandTable, LifecycleLinesAndRepeatedInitialisation) {
+    {
+        BareService s(42);
+        EXPECT_STREQ("UNKNOWN_SERVICE", s.GetServiceName());
+        EXPECT_TRUE(log.Has("[UNKNOWN_SERVICE] start.", "Init", 2));
+        EXPECT_TRUE(log.Has("[UNKNOWN_SERVICE] end.", "Init", 2));
+        EXPECT_EQ(1001, s.Init());
+        EXPECT_TRUE(log.Has("UNKNOWN_SERVICE already initialized", "Init", 1));
+        const int r = s.m_nMsgPipeR, w = s.m_nMsgPipeW;
+        s.StopServiceThreads();
+        EXPECT_EQ(0, s.OpenMessagePipe());
+        EXPECT_TRUE(log.Has("UNKNOWN_SERVICE Open command pipe again(m_nMsgPipeR)"));
+        EXPECT_TRUE(log.Has("UNKNOWN_SERVICE Open command pipe again(m_nMsgPipeW)"));
+        EXPECT_NE(-1, s.m_nMsgPipeR.load());
+        (void)r;
+        (void)w;
+    }
+    EXPECT_TRUE(log.Has("Stop error: m_nMsgPipeR is -1", "~SFService", 3));
+    EXPECT_TRUE(log.Has("Stop error: m_nMsgPipeW is -1", "~SFService", 3));
+    EXPECT_STREQ("MISC_SERVICE", SFService::ConvertServiceName(1));
+    EXPECT_STREQ("SENSOR_SERVICE", SFService::ConvertServiceName(2));
+    EXPECT_STREQ("MODEM_SERVICE", SFService::ConvertServiceName(3));
+}
+
+}  // namespace

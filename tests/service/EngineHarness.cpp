@@ -1,0 +1,109 @@
+#include "EngineHarness.h"
+
+#include <dlfcn.h>
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+namespace vorn_test {
+namespace {
+
+// Keeps the test HAL loaded for the whole process, so its state outlives every service.
+void* Hal() {
+    static void* handle = dlopen(VORN_TEST_HAL_PATH, RTLD_NOW);
+    return handle;
+}
+
+template <typename F>
+F HalFunc(const char* name) {
+    return reinterpret_cast<F>(dlsym(Hal(), name));
+}
+
+// Exposes the loop thread so that a signal can end it before the server is deleted.
+class TestCmdIOService : public CmdIOService {
+public:
+    using CmdIOService::CmdIOService;
+    pthread_t LoopThread() const { return m_thread; }
+};
+
+void NoOpHandler(int) {}
+}  // namespace
+
+void TestHal::Reset() { HalFunc<void (*)()>("test_hal_reset")(); }
+void TestHal::Release() { HalFunc<void (*)()>("test_hal_release")(); }
+int TestHal::Blocked() { return HalFunc<int (*)()>("test_hal_blocked")(); }
+int TestHal::Calls() { return HalFunc<int (*)()>("test_hal_calls")(); }
+std::string TestHal::LastInput() {
+    char buf[4096];
+    int n = HalFunc<int (*)(char*, int)>("test_hal_last_input")(buf, sizeof buf);
+    return std::string(buf, static_cast<size_t>(n));
+}
+
+std::string TestConfigJson() {
+    const std::string hal = TestHal::Path();
+    return R"({
+  "misc": { "libpath": ")" + hal + R"(", "default_timeout": 1, "whitelist": [
+      { "command": "JXT+ECHO", "func": "echo_cmd" },
+      { "command": "JXT+HANG", "func": "block_cmd" },
+      { "command": "JXT+MISSING", "func": "no_such_cmd" },
+      { "command": "JXT+CODE", "func": "code_cmd" },
+      { "command": "JXT+BYTESFAIL", "func": "fail_with_bytes_cmd" },
+      { "command": "JXT+BIG", "func": "big_cmd" },
+      { "command": "JXT+THROW", "func": "throw_cmd" } ] },
+  "sensor": { "libpath": ")" + hal + R"(", "default_timeout": 1, "whitelist": [
+      { "commands": [ "JXT+GSENSOR", "JXT+GYRO" ], "func": "echo_cmd" },
+      { "command": "JXT+SHANG", "func": "block_cmd" } ] },
+  "modem": { "libpath": ")" + hal + R"(", "default_timeout": 1, "whitelist": [
+      { "command": "JXT+CPVERSION", "func": "echo_cmd" },
+      { "command": "JXT+MHANG", "func": "block_cmd" } ] }
+})";
+}
+
+EngineHarness::EngineHarness(const std::string& configJson, bool start) {
+    Hal();
+    TestHal::Reset();
+    socketName = UniqueSocketName("engine");
+    ContextWrapper::SetConfigFilePath(dir.Write("vorn.json", configJson).c_str());
+    cmdio = new TestCmdIOService(socketName.c_str());
+    cfg = new ConfigManager();
+    wrapper = ContextWrapper::Initialize(cmdio, cfg);
+    wrapper->AddAvailableService(MISC_SERVICE, new MiscService(wrapper));
+    wrapper->AddAvailableService(SENSOR_SERVICE, new SensorService(wrapper));
+    wrapper->AddAvailableService(MODEM_SERVICE, new ModemService(wrapper));
+    if (start) {
+        EXPECT_EQ(0, wrapper->Start());
+        EXPECT_TRUE(client.Connect(socketName));
+    }
+}
+
+EngineHarness::~EngineHarness() {
+    // Blocked handlers are let go first, so their threads end instead of piling up.
+    if (releaseOnExit) TestHal::Release();
+    client.Close();
+    delete wrapper;
+    StopLoopThread();
+    delete cmdio;
+    delete cfg;
+    ContextWrapper::SetConfigFilePath(nullptr);
+}
+
+void EngineHarness::StopLoopThread() {
+    auto* io = static_cast<TestCmdIOService*>(cmdio);
+    if (!io || io->LoopThread() == static_cast<pthread_t>(-1) || io->LoopThread() == 0) return;
+    struct sigaction sa {};
+    sa.sa_handler = NoOpHandler;  // no SA_RESTART: select returns EINTR
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGUSR2, &sa, nullptr);
+    // The signal may land while the loop is busy outside select: send it until it is seen.
+    for (int i = 0; i < 500 && !log.Has("got signal", "Run"); ++i) {
+        pthread_kill(io->LoopThread(), SIGUSR2);
+        log.AwaitLine("got signal", "Run", std::chrono::milliseconds(10));
+    }
+}
+
+bool EngineHarness::Ask(const std::string& command, Reply& reply,
+                        std::chrono::milliseconds limit) {
+    return client.Send(command) && client.ReadReply(reply, limit);
+}
+
+}  // namespace vorn_test

@@ -1,0 +1,52 @@
+#ifndef VORN_TESTS_SERVICE_ENGINEHARNESS_H
+#define VORN_TESTS_SERVICE_ENGINEHARNESS_H
+
+#include <memory>
+#include <string>
+
+#include "support/TestSupport.h"
+#include "vorn_core.h"
+
+namespace vorn_test {
+
+// The test HAL's own controls (the library is shared with the services that load it).
+struct TestHal {
+    static std::string Path() { return VORN_TEST_HAL_PATH; }
+    static void Reset();
+    static void Release();
+    static int Blocked();
+    static int Calls();
+    static std::string LastInput();
+};
+
+// A configuration in which all three services bind the test HAL, with 1-second time-outs.
+std::string TestConfigJson();
+
+// The host's start-up sequence, in this process: command I/O service on a fresh socket name,
+// configuration (from `configJson`), context wrapper, the three services, Start. The
+// destructor shuts it all down again.
+class EngineHarness {
+public:
+    explicit EngineHarness(const std::string& configJson = TestConfigJson(), bool start = true);
+    ~EngineHarness();
+
+    // Sends one command on the harness's client and reads one reply.
+    bool Ask(const std::string& command, Reply& reply,
+             std::chrono::milliseconds limit = std::chrono::milliseconds(5000));
+
+    bool releaseOnExit = true;
+    LogCapture log;  // installed first, so start-up lines are captured too
+    TempDir dir;
+    std::string socketName;
+    CmdIOService* cmdio = nullptr;
+    ConfigManager* cfg = nullptr;
+    ContextWrapper* wrapper = nullptr;
+    Client client;
+
+private:
+    void StopLoopThread();
+};
+
+}  // namespace vorn_test
+
+#endif

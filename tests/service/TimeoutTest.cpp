@@ -1,0 +1,183 @@
+// Request time-outs: one answer per request, the service goes on, left-behind threads end.
+#include <gtest/gtest.h>
+
+#include "EngineHarness.h"
+
+using namespace vorn_test;
+
+namespace {
+
+const std::string kTimeOut = "1002:Time out\r\n";
+
+TEST(RequestTimeout, HungHalCallIsAnsweredOnceAndTheServiceGoesOn) {
+    EngineHarness h;
+    Reply r;
+    ASSERT_TRUE(h.Ask("JXT+HANG=1", r, std::chrono::milliseconds(5000)));
+    EXPECT_EQ(1002, r.result);
+    EXPECT_EQ("JXT+HANG=1", r.request);
+    EXPECT_EQ(kTimeOut, r.response);
+    EXPECT_TRUE(h.log.Has("MISC_SERVICEstart to reset", "ResetRequestService", 2));
+    EXPECT_TRUE(h.log.AwaitLine("MISC_SERVICErestart end", "ResetRequestService"));
+    EXPECT_TRUE(h.log.Has("MISC_SERVICERequest cmd(JXT+HANG=1):VENDOR cmd(JXT+HANG=1)"));
+
+    // The replacement thread serves the next request of the same service.
+    ASSERT_TRUE(h.Ask("JXT+ECHO=next", r));
+    EXPECT_EQ("next", r.response);
+
+    // The late answer of the abandoned call is dropped: still one reply per request.
+    TestHal::Release();
+    ASSERT_TRUE(Await([] { return TestHal::Blocked() == 0; }));
+    EXPECT_EQ("", h.client.ReadAvailable(std::chrono::milliseconds(300)));
+}
+
+TEST(RequestTimeout, AnswerThatArrivesAfterTheTimeoutIsNotSentTwice) {
+    // A long time-out keeps the monitor out of the way; the test plays the monitor's part.
+    EngineHarness h(R"({ "misc": { "libpath": ")" + TestHal::Path() +
+                    R"(", "whitelist": [ { "command": "JXT+HANG", "func": "block_cmd",
+                        "timeout": 600 } ] } })");
+    ASSERT_TRUE(h.client.Send("JXT+HANG"));
+    ASSERT_TRUE(Await([] { return TestHal::Blocked() == 1; }));
+    SFService* misc = SFServiceManager::GetServiceManager()->GetService(MISC_SERVICE);
+    EXPECT_EQ(0, misc->HandleRequestTimeout());
+    Reply r;
+    ASSERT_TRUE(h.client.ReadReply(r));
+    EXPECT_EQ(1002, r.result);
+    TestHal::Release();
+    ASSERT_TRUE(Await([] { return TestHal::Blocked() == 0; }));
+    EXPECT_EQ("", h.client.ReadAvailable(std::chrono::milliseconds(300)));
+    ASSERT_TRUE(h.Ask("JXT", r));
+    EXPECT_EQ(0, r.result);
+}
+
+TEST(RequestTimeout, ThreadsLeftBehindEndWhenTheirCallsReturn) {
+    EngineHarness h;
+    Reply r;
+    ASSERT_TRUE(h.Ask("JXT", r));  // all three services are up
+    const int baseline = ThreadCount();
+    // Seven hung requests queued on each of three services: 21 time-outs, about 7 seconds.
+    const int perService = 7;
+    // No framing on the socket: each command must be taken in before the next is sent.
+    int taken = h.log.Count("End>>>>>>>>>>>>>>>>>>");
+    for (int i = 0; i < perService; ++i) {
+        for (const char* cmd : {"JXT+HANG", "JXT+SHANG", "JXT+MHANG"}) {
+            ASSERT_TRUE(h.client.Send(cmd));
+            ++taken;
+            ASSERT_TRUE(Await([&] { return h.log.Count("End>>>>>>>>>>>>>>>>>>") == taken; }));
+        }
+    }
+    int timeouts = 0;
+    while (timeouts < 3 * perService && h.client.ReadReply(r, std::chrono::milliseconds(5000))) {
+        EXPECT_EQ(1002, r.result);
+        ++timeouts;
+    }
+    EXPECT_EQ(3 * perService, timeouts);
+    EXPECT_GE(ThreadCount(), baseline + 3 * perService - 3);
+    TestHal::Release();
+    EXPECT_TRUE(Await([&] { return ThreadCount() <= baseline; }, std::chrono::milliseconds(5000)))
+        << ThreadCount() << " threads, baseline " << baseline;
+    ASSERT_TRUE(h.Ask("JXT+GSENSOR=still", r));
+    EXPECT_EQ("still", r.response);
+}
+
+TEST(RequestTimeout, NegativeAndZeroTimeoutsFollowTheTimerRules) {
+    EngineHarness h(R"({ "misc": { "libpath": ")" + TestHal::Path() +
+                    R"(", "whitelist": [
+                        { "command": "JXT+HANG", "func": "block_cmd", "timeout": 4294967295 },
+                        { "command": "JXT+ZHANG", "func": "block_cmd", "timeout": 0 } ] } })");
+    // Zero means the default, announced with the historical text.
+    ASSERT_TRUE(h.client.Send("JXT+ZHANG"));
+    EXPECT_TRUE(h.log.AwaitLine("MISC_SERVICE: Timeout is 0, set default timeout value to 60sec",
+                                "CalculateRequestTimeout"));
+    TestHal::Release();
+    Reply r;
+    ASSERT_TRUE(h.client.ReadReply(r));
+    EXPECT_EQ("late", r.response);
+    TestHal::Reset();
+    // A negative time-out never fires; the timer is reset on every pass while the call runs.
+    ASSERT_TRUE(h.client.Send("JXT+HANG"));
+    ASSERT_TRUE(Await([&] {
+        return h.log.Count("MISC_SERVICE: Invalid timeout value detected : Reset timer") >= 3;
+    }));
+    TestHal::Release();
+    ASSERT_TRUE(h.client.ReadReply(r));
+    EXPECT_EQ(0, r.result);
+    EXPECT_EQ("late", r.response);
+}
+
+TEST(RequestTimeout, ShutdownWhileACallHangsNeitherBlocksNorCrashes) {
+    auto* h = new EngineHarness;
+    h->releaseOnExit = false;
+    ASSERT_TRUE(h->client.Send("JXT+SHANG"));
+    ASSERT_TRUE(Await([] { return TestHal::Blocked() == 1; }));
+    ASSERT_TRUE(h->client.Send("JXT+GSENSOR=queued"));
+    const int baseline = ThreadCount();
+    delete h;  // services, queues and the pipe go while the HAL call still runs
+    // Eight of the nine worker threads end; the one in the HAL call is left behind.
+    EXPECT_TRUE(Await([&] { return ThreadCount() <= baseline - 8; }));
+    TestHal::Release();  // the left-behind thread comes back to freed memory, and must not touch it
+    EXPECT_TRUE(Await([] { return TestHal::Blocked() == 0; }));
+    EngineHarness again;  // and the process can start over
+    Reply r;
+    ASSERT_TRUE(again.Ask("JXT+GSENSOR=again", r));
+    EXPECT_EQ("again", r.response);
+}
+
+// The timer arithmetic, on a service whose threads have been stopped.
+class TimerArithmetic : public ::testing::Test {
+protected:
+    TimerArithmetic() : service(nullptr, 9) {
+        service.StopServiceThreads();
+        msg = new SFMessage(MSG_REQUEST, nullptr, "", 5, new SFData("X", 1, 1), nullptr);
+        service.m_pCurReqMsg = msg;
+        service.m_nCurReqTimeout = 5;
+    }
+    ~TimerArithmetic() override {
+        service.m_pCurReqMsg = nullptr;
+        delete msg;
+    }
+    timeval Ago(int seconds) {
+        timeval now;
+        gettimeofday(&now, nullptr);
+        now.tv_sec -= seconds;
+        return now;
+    }
+    LogCapture log;
+    SFService service;
+    SFMessage* msg;
+};
+
+TEST_F(TimerArithmetic, TimeLeftIsThePeriodLessTheTimeSpent) {
+    service.m_tvReqStart = Ago(1);
+    timeval left{};
+    ASSERT_EQ(0, service.CalculateRequestTimeout(&left));
+    EXPECT_TRUE(left.tv_sec == 3 || left.tv_sec == 4) << left.tv_sec;
+    EXPECT_GE(left.tv_usec, 0);
+    EXPECT_LT(left.tv_usec, 1000000);
+
+    service.m_nCurReqTimeout = 0;  // the default: 15 seconds, whatever the line says
+    service.m_tvReqStart = Ago(0);
+    ASSERT_EQ(0, service.CalculateRequestTimeout(&left));
+    EXPECT_TRUE(left.tv_sec == 14 || left.tv_sec == 15);
+    EXPECT_TRUE(log.Has("UNKNOWN_SERVICE: Timeout is 0, set default timeout value to 60sec"));
+}
+
+TEST_F(TimerArithmetic, ClockJumpsAndOverdueRequestsGetAFullPeriod) {
+    service.m_tvReqStart = Ago(-100);  // the clock went back
+    timeval left{};
+    ASSERT_EQ(0, service.CalculateRequestTimeout(&left));
+    EXPECT_EQ(5, left.tv_sec);
+    EXPECT_EQ(0, left.tv_usec);
+    EXPECT_TRUE(log.Has("UNKNOWN_SERVICE: Time changed to past : Reset timer", "", 1));
+
+    service.m_tvReqStart = Ago(100);  // ran out while nobody waited
+    ASSERT_EQ(0, service.CalculateRequestTimeout(&left));
+    EXPECT_EQ(5, left.tv_sec);
+    EXPECT_TRUE(log.Has("UNKNOWN_SERVICE: Invalid timeout value detected : Reset timer", "", 3));
+
+    service.m_pCurReqMsg = nullptr;  // nothing runs: wait without limit, left untouched
+    left = {7, 7};
+    EXPECT_EQ(-1, service.CalculateRequestTimeout(&left));
+    EXPECT_EQ(7, left.tv_sec);
+}
+
+}  // namespace
