@@ -51,6 +51,7 @@ void Usage(std::ostream& out) {
     out << "Usage: vornctl [--socket NAME] [--timeout SEC] [--json] [--hex] COMMAND...\n"
            "Sends each COMMAND to vornd and prints the decoded reply.\n"
            "With no COMMAND, commands are read from standard input, one a line.\n"
+           "Options may stand anywhere; arguments after \"--\" are all commands.\n"
            "\n"
            "  --socket NAME   abstract socket name of the daemon (default \"vorn\")\n"
            "  --timeout SEC   how long to wait for each reply (default 20)\n"
@@ -309,7 +310,7 @@ private:
     int m_fd = -1;
 };
 
-// 0 when the options are good, otherwise the exit status to leave with (help: 0 via `done`).
+// 0 when the command line is good, otherwise the exit status to leave with (help: 0 via `done`).
 int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
     done = false;
     int i = 1;
@@ -319,7 +320,12 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
             ++i;
             break;
         }
-        if (a.size() < 2 || a.compare(0, 2, "--") != 0) break;
+        // Options may stand before or after the commands; commands never start with "--" (and
+        // one that does can follow "--").
+        if (a.size() < 2 || a.compare(0, 2, "--") != 0) {
+            opt.commands.push_back(a);
+            continue;
+        }
         if (a == "--help" || a == "-h") {
             Usage(std::cout);
             done = true;

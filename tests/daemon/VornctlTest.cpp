@@ -135,7 +135,7 @@ TEST(Vornctl, ExitStatusIsOneWhenAnyResultIsNotZero) {
 TEST(Vornctl, MeaningsFollowTheLibraryCodeTable) {
     FakeServer server([](const std::string& c) { return EncodeReply(std::stoi(c), c, ""); });
     const RunResult r =
-        Vornctl({"--socket", server.name(), "--json", "1002", "1009", "1010", "-5", "5000"});
+        Vornctl({"--socket", server.name(), "1002", "--json", "1009", "1010", "--", "-5", "5000"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(
         r.out,
