@@ -192,6 +192,7 @@ int main(int argc, char** argv) {
     if (!cmdio->IsListening()) {
         std::cerr << "vornd: cannot listen on socket \"" << opt.socketName
                   << "\": the name is already in use (is another vornd running?)\n";
+        delete cmdio;  // no loop thread was started: nothing else holds it
         return 1;
     }
 
