@@ -34,6 +34,10 @@
 
 extern char** environ;
 
+#ifndef VORN_EMULATOR
+#define VORN_EMULATOR ""
+#endif
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -92,13 +96,23 @@ public:
         posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                          0644);
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        std::vector<std::string> args = {"vornd", "--socket",    socket, "--config",
-                                         config,  "--log-level", "4"};
+        // In a cross build the daemon runs under the emulator that runs the tests.
+        std::vector<std::string> args;
+        std::string emulator = VORN_EMULATOR;
+        for (size_t at = 0; !emulator.empty();) {
+            const size_t bar = emulator.find('|', at);
+            args.push_back(emulator.substr(at, bar == std::string::npos ? bar : bar - at));
+            if (bar == std::string::npos) break;
+            at = bar + 1;
+        }
+        const std::string program = args.empty() ? VORN_VORND_PATH : args.front();
+        args.insert(args.end(),
+                    {VORN_VORND_PATH, "--socket", socket, "--config", config, "--log-level", "4"});
         std::vector<char*> argv;
         for (auto& a : args) argv.push_back(&a[0]);
         argv.push_back(nullptr);
         const int rc =
-            posix_spawn(&m_pid, VORN_VORND_PATH, &actions, nullptr, argv.data(), environ);
+            posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
         if (rc != 0) m_pid = -1;
         return rc == 0;
