@@ -2,7 +2,9 @@
 
 #include <string>
 
-CommonConfig::CommonConfig() {}
+// Defined values, so that a record printed before it is filled shows zeros, not garbage.
+CommonConfig::CommonConfig()
+    : m_nServiceId(static_cast<ServiceId>(0)), m_nTimeout(0), m_bSupport(false) {}
 
 CommonConfig::CommonConfig(ServiceId id, std::string name, int timeout, std::string func,
                            bool support, std::string libPath, std::vector<cmd_info> whiteList)

@@ -15,6 +15,9 @@ namespace {
 // Guards the staging record and the write that follows, so that replies sent at the same moment
 // from different threads never mix inside it. One command I/O service per process.
 std::mutex g_stagingLock;
+// Guards the callback and its context, and is held while the callback runs, so that a host
+// that replaces or removes the callback knows no call into the old one is still under way.
+std::recursive_mutex g_callbackLock;
 
 const size_t kErrTextSize = 256;
 }  // namespace
@@ -29,6 +32,7 @@ CmdIOService::CmdIOService(char const* socketName)
 CmdIOService::~CmdIOService() { delete m_pStaging; }
 
 void CmdIOService::CmdIOCallback(CommandCallback callback, void* context) {
+    std::lock_guard<std::recursive_mutex> lock(g_callbackLock);
     m_pCallback = callback;
     m_pCallbackContext = context;
 }
@@ -44,11 +48,13 @@ int CmdIOService::CmdIOStart() {
 int CmdIOService::HandleRequest(unsigned char const* data, int length, void* client) {
     m_pReplyTarget = client;
     char const* command = reinterpret_cast<char const*>(data);
+    std::lock_guard<std::recursive_mutex> lock(g_callbackLock);
     if (m_pCallback == nullptr || TextUtils::IsEmpty(command)) return 0;
     return m_pCallback(command, length, m_pCallbackContext);
 }
 
 int CmdIOService::InternalBufferedFlush(char const* command, int length) {
+    std::lock_guard<std::recursive_mutex> lock(g_callbackLock);
     if (m_pCallback == nullptr || TextUtils::IsEmpty(command)) return ERR_INVALID_PARAM;
     return m_pCallback(command, length, m_pCallbackContext);
 }

@@ -41,6 +41,9 @@ ContextWrapper::ContextWrapper(CmdIOService* cmdio, ConfigManager* cfg)
 }
 
 ContextWrapper::~ContextWrapper() {
+    // No command may reach the wrapper once it is going: the front end drops them from here
+    // on (and this waits for one already under way).
+    if (m_pCmdIOService) m_pCmdIOService->CmdIOCallback(nullptr, nullptr);
     SFServiceManager::Release();
     // The instance pointer is forgotten with the object, so that a later Initialize builds a
     // new wrapper instead of handing out a deleted one.

@@ -1,9 +1,8 @@
 #include "EngineHarness.h"
 
 #include <dlfcn.h>
-#include <signal.h>
-
 #include <gtest/gtest.h>
+#include <signal.h>
 
 namespace vorn_test {
 namespace {
@@ -42,7 +41,8 @@ std::string TestHal::LastInput() {
 std::string TestConfigJson() {
     const std::string hal = TestHal::Path();
     return R"({
-  "misc": { "libpath": ")" + hal + R"(", "default_timeout": 1, "whitelist": [
+  "misc": { "libpath": ")" +
+           hal + R"(", "default_timeout": 1, "whitelist": [
       { "command": "JXT+ECHO", "func": "echo_cmd" },
       { "command": "JXT+HANG", "func": "block_cmd" },
       { "command": "JXT+MISSING", "func": "no_such_cmd" },
@@ -50,10 +50,12 @@ std::string TestConfigJson() {
       { "command": "JXT+BYTESFAIL", "func": "fail_with_bytes_cmd" },
       { "command": "JXT+BIG", "func": "big_cmd" },
       { "command": "JXT+THROW", "func": "throw_cmd" } ] },
-  "sensor": { "libpath": ")" + hal + R"(", "default_timeout": 1, "whitelist": [
+  "sensor": { "libpath": ")" +
+           hal + R"(", "default_timeout": 1, "whitelist": [
       { "commands": [ "JXT+GSENSOR", "JXT+GYRO" ], "func": "echo_cmd" },
       { "command": "JXT+SHANG", "func": "block_cmd" } ] },
-  "modem": { "libpath": ")" + hal + R"(", "default_timeout": 1, "whitelist": [
+  "modem": { "libpath": ")" +
+           hal + R"(", "default_timeout": 1, "whitelist": [
       { "command": "JXT+CPVERSION", "func": "echo_cmd" },
       { "command": "JXT+MHANG", "func": "block_cmd" } ] }
 })";
@@ -101,8 +103,13 @@ void EngineHarness::StopLoopThread() {
     }
 }
 
-bool EngineHarness::Ask(const std::string& command, Reply& reply,
-                        std::chrono::milliseconds limit) {
+void EngineHarness::AwaitAllServicesUp() {
+    Reply r;
+    for (const char* cmd : {"JXT", "JXT+GSENSOR=up", "JXT+CPVERSION=up"})
+        EXPECT_TRUE(Ask(cmd, r)) << cmd;
+}
+
+bool EngineHarness::Ask(const std::string& command, Reply& reply, std::chrono::milliseconds limit) {
     return client.Send(command) && client.ReadReply(reply, limit);
 }
 

@@ -35,6 +35,9 @@ public:
              std::chrono::milliseconds limit = std::chrono::milliseconds(5000));
 
     bool releaseOnExit = true;
+    // Asks one command of each service, so that all their threads are known to be up.
+    void AwaitAllServicesUp();
+
     LogCapture log;  // installed first, so start-up lines are captured too
     TempDir dir;
     std::string socketName;

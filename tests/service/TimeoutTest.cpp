@@ -16,7 +16,7 @@ TEST(RequestTimeout, HungHalCallIsAnsweredOnceAndTheServiceGoesOn) {
     EXPECT_EQ(1002, r.result);
     EXPECT_EQ("JXT+HANG=1", r.request);
     EXPECT_EQ(kTimeOut, r.response);
-    EXPECT_TRUE(h.log.Has("MISC_SERVICEstart to reset", "ResetRequestService", 2));
+    EXPECT_TRUE(h.log.AwaitLine("MISC_SERVICEstart to reset", "ResetRequestService"));
     EXPECT_TRUE(h.log.AwaitLine("MISC_SERVICErestart end", "ResetRequestService"));
     EXPECT_TRUE(h.log.Has("MISC_SERVICERequest cmd(JXT+HANG=1):VENDOR cmd(JXT+HANG=1)"));
 
@@ -52,7 +52,7 @@ TEST(RequestTimeout, AnswerThatArrivesAfterTheTimeoutIsNotSentTwice) {
 TEST(RequestTimeout, ThreadsLeftBehindEndWhenTheirCallsReturn) {
     EngineHarness h;
     Reply r;
-    ASSERT_TRUE(h.Ask("JXT", r));  // all three services are up
+    h.AwaitAllServicesUp();
     const int baseline = ThreadCount();
     // Seven hung requests queued on each of three services: 21 time-outs, about 7 seconds.
     const int perService = 7;
@@ -107,6 +107,7 @@ TEST(RequestTimeout, NegativeAndZeroTimeoutsFollowTheTimerRules) {
 TEST(RequestTimeout, ShutdownWhileACallHangsNeitherBlocksNorCrashes) {
     auto* h = new EngineHarness;
     h->releaseOnExit = false;
+    h->AwaitAllServicesUp();
     ASSERT_TRUE(h->client.Send("JXT+SHANG"));
     ASSERT_TRUE(Await([] { return TestHal::Blocked() == 1; }));
     ASSERT_TRUE(h->client.Send("JXT+GSENSOR=queued"));

@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <string>
+
+#include "support/TestSupport.h"
+
+namespace {
+
+struct ShellResult {
+    int status;
+    std::string output;
+};
+
+// Runs a shell command line, returning its exit status and its merged stdout and stderr.
+ShellResult Shell(const std::string& command) {
+    ShellResult r{-1, {}};
+    FILE* p = popen((command + " 2>&1").c_str(), "r");
+    if (!p) return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.output.append(buf, n);
+    const int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+std::string Quote(const std::string& s) { return "'" + s + "'"; }
+
+TEST(Packaging, InstalledTreeBuildsAHostWithFindPackageAndPkgConfig) {
+    vorn_test::TempDir tmp;
+    const std::string prefix = tmp.path() + "/prefix";
+    const ShellResult install = Shell(Quote(VORN_CMAKE_COMMAND) + " --install " +
+                                      Quote(VORN_BUILD_DIR) + " --prefix " + Quote(prefix));
+    ASSERT_EQ(install.status, 0) << install.output;
+
+    const std::string lib = prefix + "/" + VORN_INSTALL_LIBDIR;
+    for (const std::string& f :
+         {lib + "/libvorn_core.so", lib + "/libvorn_hal.so", prefix + "/bin/vornd",
+          prefix + "/bin/vornctl", prefix + "/include/vorn_core/vorn_core.h",
+          prefix + "/include/vorn_core/platform/LogMessage.h",
+          prefix + "/include/vorn_core/services/SensorService.h",
+          lib + "/cmake/vorn_core/vorn_coreConfig.cmake", lib + "/pkgconfig/vorn_core.pc"})
+        EXPECT_TRUE(Exists(f)) << f << "\n" << install.output;
+
+    // find_package(vorn_core) -> vorn_core::vorn_core.
+    const std::string hostBuild = tmp.path() + "/host";
+    const ShellResult configure = Shell(
+        Quote(VORN_CMAKE_COMMAND) + " -S " + Quote(VORN_HOST_DIR) + " -B " + Quote(hostBuild) +
+        " -G " + Quote(VORN_CMAKE_GENERATOR) + " -DCMAKE_CXX_COMPILER=" + Quote(VORN_CXX_COMPILER) +
+        " -DCMAKE_PREFIX_PATH=" + Quote(prefix));
+    ASSERT_EQ(configure.status, 0) << configure.output;
+    const ShellResult build = Shell(Quote(VORN_CMAKE_COMMAND) + " --build " + Quote(hostBuild));
+    ASSERT_EQ(build.status, 0) << build.output;
+    const ShellResult host = Shell(Quote(hostBuild + "/vorn_host"));
+    EXPECT_EQ(host.status, 0) << host.output;
+    EXPECT_NE(host.output.find("misc"), std::string::npos) << host.output;
+
+    // pkg-config, with the tree found from the .pc file's own place.
+    const std::string pc = "PKG_CONFIG_PATH=" + Quote(lib + "/pkgconfig") + " pkg-config";
+    const ShellResult flags = Shell(pc + " --cflags --libs vorn_core");
+    ASSERT_EQ(flags.status, 0) << flags.output;
+    EXPECT_NE(flags.output.find("include/vorn_core"), std::string::npos) << flags.output;
+    EXPECT_NE(flags.output.find("-lvorn_core"), std::string::npos) << flags.output;
+    const std::string exe = tmp.path() + "/host_pc";
+    const ShellResult compile =
+        Shell(Quote(VORN_CXX_COMPILER) + " -std=c++17 " +
+              Quote(std::string(VORN_HOST_DIR) + "/main.cpp") + " -o " + Quote(exe) + " $(" + pc +
+              " --cflags --libs vorn_core)" + " -Wl,-rpath," + Quote(lib));
+    ASSERT_EQ(compile.status, 0) << compile.output;
+    const ShellResult hostPc = Shell(Quote(exe));
+    EXPECT_EQ(hostPc.status, 0) << hostPc.output;
+    EXPECT_EQ(hostPc.output, host.output);
+}
+
+}  // namespace
