@@ -51,6 +51,8 @@ struct Options {
     std::string config;
     std::string logLevel;
     std::string logFile = "/tmp/vorn_bench.vornd.log";
+    std::string attach;  // a daemon started elsewhere (under a profiler, say)
+    pid_t attachPid = -1;
     size_t iterations = 20000;
     size_t bigIterations = 0;  // 0: a quarter of iterations
     size_t warmup = 500;
@@ -73,6 +75,9 @@ void Usage(const char* self) {
         "  --warmup N          untimed round trips before each case (default 500)\n"
         "  --startups N        daemon start-ups timed (default 5)\n"
         "  --idle-seconds N    idle window for the processor time (default 5)\n"
+        "  --attach NAME       measure a vornd already serving socket NAME (e.g. under\n"
+        "                      valgrind); no start-up figures, /proc figures only with --pid\n"
+        "  --pid PID           the process behind --attach\n"
         "  --quick             2000 round trips, 3 start-ups, 2 idle seconds\n"
         "  --check             exit 1 when a target is missed (JXT p50 ratio > 2.5,\n"
         "                      RSS >= 8 MiB, idle ticks > 0)\n",
@@ -114,6 +119,10 @@ bool ParseOptions(int argc, char** argv, Options& opt) {
             opt.check = true;
         } else if (a == "--vornd" && value(v)) {
             opt.vornd = v;
+        } else if (a == "--attach" && value(v)) {
+            opt.attach = v;
+        } else if (a == "--pid" && value(v) && ParseSize(v, n) && n > 0) {
+            opt.attachPid = static_cast<pid_t>(n);
         } else if (a == "--config" && value(v)) {
             opt.config = v;
         } else if (a == "--log-level" && value(v)) {
@@ -225,6 +234,119 @@ pid_t StartEchoServer(const std::string& name) {
     pid_t pid = fork();
     if (pid == 0) EchoServerMain(fd);
     close(fd);  // listening already: the child owns it, connects cannot race its start
+    return pid;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The engine-shaped echo: the same echo, but each transmission travels the way a command does in
+// the daemon, and nothing else is done: a select loop reads it and hands it through a locked
+// queue (broadcast under the lock) to a request thread, which writes one byte to a monitor
+// thread's pipe, hands the reply through a second queue to a response thread that sends it, and
+// writes a second byte. Its figure is the floor of the engine's shape on this machine: what the
+// daemon costs above it is the library's own work.
+
+class HandOff {
+public:
+    void Put(std::string item) {
+        pthread_mutex_lock(&m_mutex);
+        m_items.push_back(std::move(item));
+        pthread_cond_broadcast(&m_cond);
+        pthread_mutex_unlock(&m_mutex);
+    }
+    std::string Take() {
+        pthread_mutex_lock(&m_mutex);
+        while (m_items.empty()) pthread_cond_wait(&m_cond, &m_mutex);
+        std::string item = std::move(m_items.front());
+        m_items.erase(m_items.begin());
+        pthread_mutex_unlock(&m_mutex);
+        return item;
+    }
+
+private:
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards m_items
+    pthread_cond_t m_cond = PTHREAD_COND_INITIALIZER;     // an item was put
+    std::vector<std::string> m_items;
+};
+
+[[noreturn]] void ShapedEchoMain(int listenFd) {
+    static HandOff requests, responses;
+    static int replyFd = -1;  // one client at a time takes turns: the reply target
+    static int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) _exit(1);
+    std::thread([] {  // monitor: wakes on every byte, as the daemon's does
+        for (;;) {
+            fd_set set;
+            FD_ZERO(&set);
+            FD_SET(pipeFds[0], &set);
+            timeval limit{15, 0};
+            if (select(pipeFds[0] + 1, &set, nullptr, nullptr, &limit) > 0) {
+                char byte;
+                if (read(pipeFds[0], &byte, 1) < 0) continue;
+            }
+        }
+    })
+        .detach();
+    std::thread([] {  // request thread
+        for (;;) {
+            std::string req = requests.Take();
+            char byte = 1;
+            if (write(pipeFds[1], &byte, 1) < 0) _exit(1);
+            uint32_t r =
+                static_cast<uint32_t>(std::min<size_t>(req.size(), kMaxRecord - kRecordOverhead));
+            std::string record(kRecordOverhead + r, '\0');
+            std::memcpy(&record[4], &r, 4);
+            std::memcpy(&record[8], req.data(), r);
+            responses.Put(std::move(record));
+            if (write(pipeFds[1], &byte, 1) < 0) _exit(1);
+        }
+    })
+        .detach();
+    std::thread([] {  // response thread
+        for (;;) {
+            std::string record = responses.Take();
+            send(__atomic_load_n(&replyFd, __ATOMIC_ACQUIRE), record.data(), record.size(),
+                 MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
+    })
+        .detach();
+    std::vector<int> clients;
+    std::vector<char> buf(kMaxTransmission);
+    for (;;) {
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(listenFd, &set);
+        int maxFd = listenFd;
+        for (int c : clients) {
+            FD_SET(c, &set);
+            maxFd = std::max(maxFd, c);
+        }
+        if (select(maxFd + 1, &set, nullptr, nullptr, nullptr) < 1) continue;
+        if (FD_ISSET(listenFd, &set)) {
+            int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd >= 0) clients.push_back(fd);
+            continue;
+        }
+        for (size_t i = 0; i < clients.size(); ++i) {
+            int fd = clients[i];
+            if (!FD_ISSET(fd, &set)) continue;
+            ssize_t n = read(fd, buf.data(), buf.size());
+            if (n <= 0) {
+                close(fd);
+                clients.erase(clients.begin() + static_cast<long>(i--));
+                continue;
+            }
+            __atomic_store_n(&replyFd, fd, __ATOMIC_RELEASE);
+            requests.Put(std::string(buf.data(), static_cast<size_t>(n)));
+        }
+    }
+}
+
+pid_t StartShapedEchoServer(const std::string& name) {
+    int fd = Listen(name);
+    if (fd < 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) ShapedEchoMain(fd);
+    close(fd);
     return pid;
 }
 
@@ -344,20 +466,20 @@ bool TimedRounds(Conn& conn, const std::string& bytes, size_t count, std::vector
 
 struct Pair {
     std::string name;
-    std::string detail;
-    Latency echo, daemon;
+    Latency echo, shaped, daemon;
     int32_t result = 0;
     uint32_t replyBytes = 0;
     std::string error;
 };
 
-// Echo and daemon in alternating blocks over one connection each.
-Pair MeasurePair(const std::string& name, const std::string& bytes, Conn& echo, Conn& daemon,
-                 size_t iterations, const Options& opt) {
+// Echo, engine-shaped echo and daemon in alternating blocks over one connection each.
+Pair MeasurePair(const std::string& name, const std::string& bytes, Conn& echo, Conn& shaped,
+                 Conn& daemon, size_t iterations, const Options& opt) {
     Pair p;
     p.name = name;
     Reply reply;
     if (!TimedRounds(echo, bytes, opt.warmup, nullptr, reply) ||
+        !TimedRounds(shaped, bytes, opt.warmup, nullptr, reply) ||
         !TimedRounds(daemon, bytes, opt.warmup == 0 ? 1 : opt.warmup, nullptr, reply)) {
         p.error = "no reply during warm-up";
         return p;
@@ -365,13 +487,18 @@ Pair MeasurePair(const std::string& name, const std::string& bytes, Conn& echo, 
     p.result = reply.result;
     p.replyBytes =
         static_cast<uint32_t>(kRecordOverhead + reply.requestLength + reply.responseLength);
-    std::vector<double> e, d;
+    std::vector<double> e, sh, d;
     e.reserve(iterations);
+    sh.reserve(iterations);
     d.reserve(iterations);
     for (size_t done = 0; done < iterations; done += opt.block) {
         size_t n = std::min(opt.block, iterations - done);
         if (!TimedRounds(echo, bytes, n, &e, reply)) {
             p.error = "echo: no reply";
+            return p;
+        }
+        if (!TimedRounds(shaped, bytes, n, &sh, reply)) {
+            p.error = "engine-shaped echo: no reply";
             return p;
         }
         if (!TimedRounds(daemon, bytes, n, &d, reply)) {
@@ -380,6 +507,7 @@ Pair MeasurePair(const std::string& name, const std::string& bytes, Conn& echo, 
         }
     }
     p.echo = Summarise(e);
+    p.shaped = Summarise(sh);
     p.daemon = Summarise(d);
     return p;
 }
@@ -467,12 +595,12 @@ private:
 };
 
 // Connects, retrying while the daemon has not opened its socket yet.
-Conn ConnectWithin(const std::string& name, const Daemon& d, std::chrono::milliseconds limit) {
+Conn ConnectWithin(const std::string& name, const Daemon* d, std::chrono::milliseconds limit) {
     auto deadline = Clock::now() + limit;
     while (Clock::now() < deadline) {
         int fd = Connect(name);
         if (fd >= 0) return Conn(fd);
-        if (!d.Alive()) break;
+        if (d && !d->Alive()) break;
         timespec ts{0, 100 * 1000};  // 100 us: fine enough for a start-up of milliseconds
         nanosleep(&ts, nullptr);
     }
@@ -488,7 +616,7 @@ double StartupOnce(const Options& opt, std::string& error) {
         error = "cannot spawn " + opt.vornd;
         return -1;
     }
-    Conn c = ConnectWithin(name, d, std::chrono::seconds(10));
+    Conn c = ConnectWithin(name, &d, std::chrono::seconds(10));
     Reply reply;
     if (!c.ok() || !c.RoundTrip("JXT", reply)) {
         error = "no reply from a fresh vornd";
@@ -568,36 +696,42 @@ void PrintPair(const Pair& p) {
         return;
     }
     std::printf(
-        "%-24s echo p50 %7.1f us p99 %7.1f us | vornd p50 %7.1f us (%s) p99 %7.1f us (%s)  "
-        "[result %d, reply %u B, n=%zu]\n",
-        p.name.c_str(), p.echo.p50, p.echo.p99, p.daemon.p50,
+        "%-22s echo p50 %6.1f p99 %6.1f | shaped p50 %6.1f (%s) p99 %6.1f (%s) | "
+        "vornd p50 %6.1f (%s) p99 %6.1f (%s) us  [result %d, reply %u B, n=%zu]\n",
+        p.name.c_str(), p.echo.p50, p.echo.p99, p.shaped.p50,
+        Ratio(p.shaped.p50, p.echo.p50).c_str(), p.shaped.p99,
+        Ratio(p.shaped.p99, p.echo.p99).c_str(), p.daemon.p50,
         Ratio(p.daemon.p50, p.echo.p50).c_str(), p.daemon.p99,
         Ratio(p.daemon.p99, p.echo.p99).c_str(), p.result, p.replyBytes, p.daemon.n);
     std::fflush(stdout);
 }
 
 void PrintTable(const Report& r) {
-    std::printf("\n| Case | raw echo p50 / p99 (us) | vornd p50 / p99 (us) | ratio p50 / p99 |\n");
-    std::printf("|---|---|---|---|\n");
+    std::printf(
+        "\n| Case | raw echo p50 / p99 (us) | engine-shaped echo p50 / p99 (us) | vornd p50 / p99 "
+        "(us) | vornd / raw echo p50 / p99 | vornd / shaped p50 |\n");
+    std::printf("|---|---|---|---|---|---|\n");
     for (const Pair& p : r.pairs) {
         if (!p.error.empty()) {
-            std::printf("| %s | failed: %s | | |\n", p.name.c_str(), p.error.c_str());
+            std::printf("| %s | failed: %s | | | | |\n", p.name.c_str(), p.error.c_str());
             continue;
         }
-        std::printf("| %s | %s / %s | %s / %s | %s / %s |\n", p.name.c_str(),
+        std::printf("| %s | %s / %s | %s / %s | %s / %s | %s / %s | %s |\n", p.name.c_str(),
                     Fixed(p.echo.p50, 1).c_str(), Fixed(p.echo.p99, 1).c_str(),
+                    Fixed(p.shaped.p50, 1).c_str(), Fixed(p.shaped.p99, 1).c_str(),
                     Fixed(p.daemon.p50, 1).c_str(), Fixed(p.daemon.p99, 1).c_str(),
                     Ratio(p.daemon.p50, p.echo.p50).c_str(),
-                    Ratio(p.daemon.p99, p.echo.p99).c_str());
+                    Ratio(p.daemon.p99, p.echo.p99).c_str(),
+                    Ratio(p.daemon.p50, p.shaped.p50).c_str());
     }
     if (r.turns.error.empty())
-        std::printf("| 4 clients taking turns, \"JXT\" | %s cmd/s | %s cmd/s | %s of echo |\n",
+        std::printf("| 4 clients taking turns, \"JXT\" | %s cmd/s | | %s cmd/s | %s of echo | |\n",
                     Fixed(r.turns.echo, 0).c_str(), Fixed(r.turns.daemon, 0).c_str(),
                     r.turns.echo > 0
                         ? (Fixed(100.0 * r.turns.daemon / r.turns.echo, 0) + "%").c_str()
                         : "-");
     else
-        std::printf("| 4 clients taking turns | failed: %s | | |\n", r.turns.error.c_str());
+        std::printf("| 4 clients taking turns | failed: %s | | | | |\n", r.turns.error.c_str());
     std::printf("\n| Daemon figure | Value | Target |\n|---|---|---|\n");
     std::printf("| start-up to first \"JXT\" reply (median of %zu) | %s ms | |\n",
                 r.startupsMs.size(), r.startupMedian < 0 ? "-" : Fixed(r.startupMedian, 1).c_str());
@@ -629,23 +763,31 @@ int main(int argc, char** argv) {
     if (!ParseOptions(argc, argv, opt)) return 2;
     signal(SIGPIPE, SIG_IGN);
 
-    // The echo child is forked first, while this process still has a single thread.
+    // The echo children are forked first, while this process still has a single thread.
     const std::string echoName = SocketName("echo");
-    pid_t echoPid = StartEchoServer(echoName);
-    if (echoPid < 0) {
-        std::fprintf(stderr, "vorn_bench: cannot start the echo server\n");
+    const std::string shapedName = SocketName("shaped");
+    const pid_t echoPids[2] = {StartEchoServer(echoName), StartShapedEchoServer(shapedName)};
+    auto stopEcho = [&] {
+        for (pid_t pid : echoPids) {
+            if (pid <= 0) continue;
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    };
+    if (echoPids[0] < 0 || echoPids[1] < 0) {
+        std::fprintf(stderr, "vorn_bench: cannot start the echo servers\n");
+        stopEcho();
         return 1;
     }
-    auto stopEcho = [&] {
-        kill(echoPid, SIGKILL);
-        waitpid(echoPid, nullptr, 0);
-    };
 
     std::printf("vorn_bench: %s\n", MachineLine().c_str());
-    std::printf("vornd: %s\n", opt.vornd.empty() ? "(none)" : opt.vornd.c_str());
+    if (opt.attach.empty())
+        std::printf("vornd: %s\n", opt.vornd.empty() ? "(none)" : opt.vornd.c_str());
+    else
+        std::printf("vornd: attached to socket %s\n", opt.attach.c_str());
     std::printf("round trips per case: %zu (24 KiB case %zu), warm-up %zu, blocks of %zu\n\n",
                 opt.iterations, opt.bigIterations, opt.warmup, opt.block);
-    if (opt.vornd.empty() || access(opt.vornd.c_str(), X_OK) != 0) {
+    if (opt.attach.empty() && (opt.vornd.empty() || access(opt.vornd.c_str(), X_OK) != 0)) {
         std::fprintf(stderr,
                      "vorn_bench: no vornd to run (build the vornd target or pass --vornd)\n");
         stopEcho();
@@ -656,17 +798,21 @@ int main(int argc, char** argv) {
     report.idleSeconds = opt.idleSeconds;
 
     Daemon daemon;
-    const std::string daemonName = SocketName("vornd");
-    if (!daemon.Spawn(opt, daemonName)) {
+    const bool attached = !opt.attach.empty();
+    const std::string daemonName = attached ? opt.attach : SocketName("vornd");
+    if (!attached && !daemon.Spawn(opt, daemonName)) {
         std::fprintf(stderr, "vorn_bench: cannot spawn %s\n", opt.vornd.c_str());
         stopEcho();
         return 1;
     }
-    Conn d0 = ConnectWithin(daemonName, daemon, std::chrono::seconds(10));
+    const pid_t daemonPid = attached ? opt.attachPid : daemon.pid();
+    Conn d0 = ConnectWithin(daemonName, attached ? nullptr : &daemon, std::chrono::seconds(10));
     Conn e0(Connect(echoName));
-    if (!d0.ok() || !e0.ok()) {
+    Conn s0(Connect(shapedName));
+    if (!d0.ok() || !e0.ok() || !s0.ok()) {
         std::fprintf(stderr, "vorn_bench: cannot connect (vornd %s, echo %s); see %s\n",
-                     d0.ok() ? "ok" : "failed", e0.ok() ? "ok" : "failed", opt.logFile.c_str());
+                     d0.ok() ? "ok" : "failed", e0.ok() && s0.ok() ? "ok" : "failed",
+                     opt.logFile.c_str());
         stopEcho();
         return 1;
     }
@@ -685,7 +831,7 @@ int main(int argc, char** argv) {
         {"24 KiB transmission", big, opt.bigIterations},
     };
     for (const Case& c : cases) {
-        report.pairs.push_back(MeasurePair(c.name, c.bytes, e0, d0, c.iterations, opt));
+        report.pairs.push_back(MeasurePair(c.name, c.bytes, e0, s0, d0, c.iterations, opt));
         PrintPair(report.pairs.back());
         if (!report.pairs.back().error.empty()) break;  // the stream is out of step
     }
@@ -725,17 +871,19 @@ int main(int argc, char** argv) {
         }
 
         // Resident memory after the warm-up, then the idle window with all four still connected.
-        report.rssKiB = StatusKiB(daemon.pid(), "VmRSS");
-        report.hwmKiB = StatusKiB(daemon.pid(), "VmHWM");
-        report.threads = ThreadsOf(daemon.pid());
-        long long before = CpuTicks(daemon.pid());
-        std::this_thread::sleep_for(std::chrono::seconds(opt.idleSeconds));
-        long long after = CpuTicks(daemon.pid());
-        if (before >= 0 && after >= 0) report.idleTicks = after - before;
-        std::printf("resident memory          VmRSS %ld KiB, VmHWM %ld KiB, %s threads\n",
-                    report.rssKiB, report.hwmKiB, report.threads.c_str());
-        std::printf("idle processor time      %lld ticks over %d s\n", report.idleTicks,
-                    opt.idleSeconds);
+        if (daemonPid > 0) {
+            report.rssKiB = StatusKiB(daemonPid, "VmRSS");
+            report.hwmKiB = StatusKiB(daemonPid, "VmHWM");
+            report.threads = ThreadsOf(daemonPid);
+            long long before = CpuTicks(daemonPid);
+            std::this_thread::sleep_for(std::chrono::seconds(opt.idleSeconds));
+            long long after = CpuTicks(daemonPid);
+            if (before >= 0 && after >= 0) report.idleTicks = after - before;
+            std::printf("resident memory          VmRSS %ld KiB, VmHWM %ld KiB, %s threads\n",
+                        report.rssKiB, report.hwmKiB, report.threads.c_str());
+            std::printf("idle processor time      %lld ticks over %d s\n", report.idleTicks,
+                        opt.idleSeconds);
+        }
     }
     int status = daemon.Stop();
     if (status != 0) {
@@ -743,7 +891,7 @@ int main(int argc, char** argv) {
     }
 
     // Start-up to the first reply, each on a fresh socket name.
-    for (size_t i = 0; i < opt.startups; ++i) {
+    for (size_t i = 0; !attached && i < opt.startups; ++i) {
         std::string error;
         double ms = StartupOnce(opt, error);
         if (ms < 0) {
