@@ -453,15 +453,25 @@ Latency Summarise(std::vector<double>& us) {
 double Micros(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
 
 // Runs `count` timed round trips of `bytes` on `conn`, appending each in microseconds.
+// Every reply must echo as many command bytes as the first one did: a transmission split in two,
+// or a reply left over, shows there and ends the case instead of skewing it.
 bool TimedRounds(Conn& conn, const std::string& bytes, size_t count, std::vector<double>* out,
-                 Reply& reply) {
+                 Reply& reply, uint32_t expectedR) {
     for (size_t i = 0; i < count; ++i) {
         auto t0 = Clock::now();
         if (!conn.RoundTrip(bytes, reply)) return false;
         auto t1 = Clock::now();
+        if (reply.requestLength != expectedR) return false;
         if (out) out->push_back(Micros(t1 - t0));
     }
     return true;
+}
+
+// One untimed round trip that sets what the others must look like, then the warm-up.
+bool WarmUp(Conn& conn, const std::string& bytes, size_t count, Reply& reply, uint32_t& r) {
+    if (!conn.RoundTrip(bytes, reply)) return false;
+    r = reply.requestLength;
+    return TimedRounds(conn, bytes, count, nullptr, reply, r);
 }
 
 struct Pair {
@@ -478,9 +488,10 @@ Pair MeasurePair(const std::string& name, const std::string& bytes, Conn& echo, 
     Pair p;
     p.name = name;
     Reply reply;
-    if (!TimedRounds(echo, bytes, opt.warmup, nullptr, reply) ||
-        !TimedRounds(shaped, bytes, opt.warmup, nullptr, reply) ||
-        !TimedRounds(daemon, bytes, opt.warmup == 0 ? 1 : opt.warmup, nullptr, reply)) {
+    uint32_t rEcho = 0, rShaped = 0, rDaemon = 0;
+    if (!WarmUp(echo, bytes, opt.warmup, reply, rEcho) ||
+        !WarmUp(shaped, bytes, opt.warmup, reply, rShaped) ||
+        !WarmUp(daemon, bytes, opt.warmup, reply, rDaemon)) {
         p.error = "no reply during warm-up";
         return p;
     }
@@ -493,16 +504,16 @@ Pair MeasurePair(const std::string& name, const std::string& bytes, Conn& echo, 
     d.reserve(iterations);
     for (size_t done = 0; done < iterations; done += opt.block) {
         size_t n = std::min(opt.block, iterations - done);
-        if (!TimedRounds(echo, bytes, n, &e, reply)) {
-            p.error = "echo: no reply";
+        if (!TimedRounds(echo, bytes, n, &e, reply, rEcho)) {
+            p.error = "echo: no reply or one out of step";
             return p;
         }
-        if (!TimedRounds(shaped, bytes, n, &sh, reply)) {
-            p.error = "engine-shaped echo: no reply";
+        if (!TimedRounds(shaped, bytes, n, &sh, reply, rShaped)) {
+            p.error = "engine-shaped echo: no reply or one out of step";
             return p;
         }
-        if (!TimedRounds(daemon, bytes, n, &d, reply)) {
-            p.error = "vornd: no reply";
+        if (!TimedRounds(daemon, bytes, n, &d, reply, rDaemon)) {
+            p.error = "vornd: no reply or one out of step";
             return p;
         }
     }
