@@ -14,6 +14,16 @@ public:
               SFData* request, SFRespData* response);
     static SFMessage* NewInstance(MsgDirection direction, void* soFunc, char const* soFuncName,
                                   int timeout, SFData* request, SFRespData* response);
+    // The same with the direction as a plain number (1 request, 2 response).
+    SFMessage(int direction, void* soFunc, char const* soFuncName, int timeout, SFData* request,
+              SFRespData* response)
+        : SFMessage(static_cast<MsgDirection>(direction), soFunc, soFuncName, timeout, request,
+                    response) {}
+    static SFMessage* NewInstance(int direction, void* soFunc, char const* soFuncName, int timeout,
+                                  SFData* request, SFRespData* response) {
+        return NewInstance(static_cast<MsgDirection>(direction), soFunc, soFuncName, timeout,
+                           request, response);
+    }
     virtual ~SFMessage();
     // Replaces each payload by a clone of the other's and releases the payloads held before.
     virtual SFMessage& operator=(SFMessage const& other);

@@ -318,7 +318,8 @@ void Processer::Run() {
             }
             void* client = &m_nClientFds[i];
             if (total < static_cast<size_t>(kRecvChunk)) {
-                LogMessage(1, "VORN", "Run").stream() << "received size =" << total;
+                if (LogMessage::IsOn(1))
+                    LogMessage(1, "VORN", "Run").stream() << "received size =" << total;
                 HandleRequest(m_pRecvBuf, static_cast<int>(total), client);
             } else {
                 std::unique_ptr<unsigned char[]> block(new unsigned char[total + 1]());

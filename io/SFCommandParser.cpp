@@ -68,29 +68,39 @@ void SFCommandParser::GetCommandHeader(std::string& command, std::string& header
     header = (p == std::string::npos) ? command : command.substr(0, p);
 }
 
+namespace {
+// The table entry whose text equals the command's header, found without copying the command:
+// the header ends at the first "=", else at the first "?", else with the text.
+const std::pair<char const* const, int>* FindEntry(char const* command) {
+    const char* end = strchr(command, '=');
+    if (!end) end = strchr(command, '?');
+    const size_t headerLength = end ? static_cast<size_t>(end - command) : strlen(command);
+    if (headerLength == 0) return nullptr;
+    for (const auto& entry : *g_pVendorCmdTable)
+        if (strncmp(entry.first, command, headerLength) == 0 && entry.first[headerLength] == '\0')
+            return &entry;
+    return nullptr;
+}
+}  // namespace
+
 // The length is only tested for 0: the header is taken from the whole zero-terminated text.
 char const* SFCommandParser::FindVendorCmd(char const* command, int length) {
     if (command == nullptr || length == 0 || g_pVendorCmdTable == nullptr) return nullptr;
-    std::string text(command);
-    std::string header;
-    GetCommandHeader(text, header);
-    if (header.empty()) return nullptr;
-    for (const auto& entry : *g_pVendorCmdTable)
-        if (strcmp(entry.first, header.c_str()) == 0) return entry.first;
-    return nullptr;
+    const auto* entry = FindEntry(command);
+    return entry ? entry->first : nullptr;
 }
 
+// The first entry in table order with the header's text is also the first whose text equals
+// the key found, so one walk gives the id.
 int SFCommandParser::GetServiceIdByVendorCmd(char const* command, int length) {
     if (command == nullptr || length == 0 || g_pVendorCmdTable == nullptr) return -1;
-    char const* key = FindVendorCmd(command, length);
-    if (key == nullptr) {
+    const auto* entry = FindEntry(command);
+    if (entry == nullptr) {
         LogMessage(4, "VORN", "GetServiceIdByVendorCmd").stream()
             << "unsupported vendor command(" << command << ") in vendor list table";
         return -1;
     }
-    for (const auto& entry : *g_pVendorCmdTable)
-        if (strcmp(entry.first, key) == 0) return entry.second;
-    return -1;
+    return entry->second;
 }
 
 // "JXT+GSENSOR=1,2" keeps everything from the "=" on; a query suffix without "=" is dropped.

@@ -82,6 +82,13 @@ public:
     void insert(DataDirection direction, int timeout, const char* command,
                 SFRespData* (*handler)(SFMessage*, void*), void* soFunc, const char* soFuncName,
                 bool needSoFunc);
+    // The same with the direction as a plain number, as hosts write it: insert(1, 15, ...).
+    void insert(int direction, int timeout, const char* command,
+                SFRespData* (*handler)(SFMessage*, void*), void* soFunc, const char* soFuncName,
+                bool needSoFunc) {
+        insert(static_cast<DataDirection>(direction), timeout, command, handler, soFunc, soFuncName,
+               needSoFunc);
+    }
     static const char* ConvertServiceName(int serviceId);
     ConfigManager* GetConfigManager();
 

@@ -72,7 +72,8 @@ bool SFService::OnHandleCommand(const char* command, int len) {
             << m_strServiceName << "Empty command to handle nothing!!!";
         return false;
     }
-    LogMessage(1, "VORN", "OnHandleCommand").stream() << "Begin<<<<<<<<<<<<<<<<<";
+    if (LogMessage::IsOn(1))
+        LogMessage(1, "VORN", "OnHandleCommand").stream() << "Begin<<<<<<<<<<<<<<<<<";
     // The vendor form of a command is never longer than the command; one that cannot fit the
     // scratch buffer, or that no service registered, has no row to match.
     int vendorLen = 0;
@@ -94,7 +95,8 @@ bool SFService::OnHandleCommand(const char* command, int len) {
     msg->SetVendorCommandData(
         new SFData(m_pVendorCmdBuf, static_cast<unsigned>(vendorLen), row->direction));
     EnQueue(msg);
-    LogMessage(1, "VORN", "OnHandleCommand").stream() << "End>>>>>>>>>>>>>>>>>>";
+    if (LogMessage::IsOn(1))
+        LogMessage(1, "VORN", "OnHandleCommand").stream() << "End>>>>>>>>>>>>>>>>>>";
     return true;
 }
 

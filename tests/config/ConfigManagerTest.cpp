@@ -37,15 +37,6 @@ TEST(ConfigDefaults, UnknownServicesAnswerEmpty) {
     }
 }
 
-TEST(ConfigDefaults, TwoManagersAreIndependent) {
-    ConfigManager a, b;
-    a.GetWhiteList(MISC_SERVICE)->clear();
-    a.GetConfig(MISC_SERVICE)->m_bSupport = false;
-    EXPECT_EQ(3u, b.GetWhiteList(MISC_SERVICE)->size());
-    EXPECT_TRUE(b.IsSupport(MISC_SERVICE));
-    EXPECT_EQ(3u, ConfigManager().GetWhiteList(MISC_SERVICE)->size());
-}
-
 TEST(ConfigText, MiscRecordPrintsExactly) {
     ConfigManager cfg;
     const std::string expected =

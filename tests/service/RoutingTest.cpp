@@ -91,22 +91,4 @@ TEST(ContextWrapper, SecondInitializeReturnsTheFirstAndReadsNoFileAgain) {
     EXPECT_EQ(h.cfg, h.wrapper->m_pCfgMgr);
 }
 
-TEST(ContextWrapper, MissingFileAtTheBuiltInPathIsLoggedAndDefaultsStay) {
-    LogCapture log;
-    TempDir dir;
-    const std::string path = dir.path() + "/absent.json";
-    ContextWrapper::SetConfigFilePath(path.c_str());
-    auto* cmdio = new CmdIOService(UniqueSocketName("wrapper").c_str());
-    ConfigManager cfg;
-    ContextWrapper* w = ContextWrapper::Initialize(cmdio, &cfg);
-    EXPECT_TRUE(log.Has("Json file" + path + "open error!!!", "ParseJSONDoc", 4));
-    EXPECT_EQ("libvorn_hal.so", cfg.GetLibPath(SENSOR_SERVICE));
-    EXPECT_EQ(1001, w->SendMessage("JXT", 3));  // no service added: refused
-    delete w;
-    ContextWrapper::SetConfigFilePath(nullptr);
-    EXPECT_STREQ("/vendor/etc/vorn.json", ContextWrapper::GetConfigFilePath());
-    // The loop thread never started, so the server can go.
-    delete cmdio;
-}
-
 }  // namespace

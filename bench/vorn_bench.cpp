@@ -1,0 +1,947 @@
+// vorn_bench: the daemon's round trip against a raw socket echo, plus start-up, memory and idle
+// figures, all in one run.
+//
+// Every latency case is measured twice with the same bytes: against a minimal echo server on a
+// raw abstract stream socket (a forked child, blocking read and one reply per read), and against
+// a running vornd. The two are measured in alternating blocks, so that both see the same state
+// of the machine, and each daemon figure is printed as a ratio to the echo figure.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Protocol constants of the daemon's socket front end.
+constexpr size_t kMaxTransmission = 24576;  // 8 chunks of 3072 bytes: one transmission at most
+constexpr size_t kMaxRecord = 3171;         // a reply record never exceeds this
+constexpr size_t kRecordOverhead = 12;      // int32 result, uint32 R, uint32 S
+
+// ---------------------------------------------------------------------------------------------
+// Options
+
+struct Options {
+    std::string vornd;
+    std::string config;
+    std::string logLevel;
+    std::string logFile = "/tmp/vorn_bench.vornd.log";
+    std::string attach;  // a daemon started elsewhere (under a profiler, say)
+    pid_t attachPid = -1;
+    size_t iterations = 20000;
+    size_t bigIterations = 0;  // 0: a quarter of iterations
+    size_t warmup = 500;
+    size_t block = 500;
+    size_t startups = 5;
+    int idleSeconds = 5;
+    bool check = false;
+    bool quick = false;
+};
+
+void Usage(const char* self) {
+    std::printf(
+        "usage: %s [options]\n"
+        "  --vornd PATH        the daemon to measure (default: the one built with this program)\n"
+        "  --config PATH       passed to vornd as --config\n"
+        "  --log-level N       passed to vornd as --log-level (default: vornd's own, 3)\n"
+        "  --log-file PATH     where vornd's stderr goes (default /tmp/vorn_bench.vornd.log)\n"
+        "  --iterations N      round trips per latency case (default 20000)\n"
+        "  --big-iterations N  round trips of the 24 KiB case (default iterations/4)\n"
+        "  --warmup N          untimed round trips before each case (default 500)\n"
+        "  --startups N        daemon start-ups timed (default 5)\n"
+        "  --idle-seconds N    idle window for the processor time (default 5)\n"
+        "  --attach NAME       measure a vornd already serving socket NAME (e.g. under\n"
+        "                      valgrind); no start-up figures, /proc figures only with --pid\n"
+        "  --pid PID           the process behind --attach\n"
+        "  --quick             2000 round trips, 3 start-ups, 2 idle seconds\n"
+        "  --check             exit 1 when a target is missed (JXT p50 ratio > 2.5,\n"
+        "                      RSS >= 8 MiB, idle ticks > 0)\n",
+        self);
+}
+
+bool ParseSize(const char* text, size_t& out) {
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long v = std::strtoull(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0') return false;
+    out = static_cast<size_t>(v);
+    return true;
+}
+
+bool ParseOptions(int argc, char** argv, Options& opt) {
+#ifdef VORND_PATH
+    opt.vornd = VORND_PATH;
+#endif
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        auto value = [&](const char*& out) {
+            if (i + 1 >= argc) return false;
+            out = argv[++i];
+            return true;
+        };
+        const char* v = nullptr;
+        size_t n = 0;
+        if (a == "--help" || a == "-h") {
+            Usage(argv[0]);
+            std::exit(0);
+        } else if (a == "--quick") {
+            opt.quick = true;
+            opt.iterations = 2000;
+            opt.warmup = 200;
+            opt.startups = 3;
+            opt.idleSeconds = 2;
+        } else if (a == "--check") {
+            opt.check = true;
+        } else if (a == "--vornd" && value(v)) {
+            opt.vornd = v;
+        } else if (a == "--attach" && value(v)) {
+            opt.attach = v;
+        } else if (a == "--pid" && value(v) && ParseSize(v, n) && n > 0) {
+            opt.attachPid = static_cast<pid_t>(n);
+        } else if (a == "--config" && value(v)) {
+            opt.config = v;
+        } else if (a == "--log-level" && value(v)) {
+            opt.logLevel = v;
+        } else if (a == "--log-file" && value(v)) {
+            opt.logFile = v;
+        } else if (a == "--iterations" && value(v) && ParseSize(v, n) && n > 0) {
+            opt.iterations = n;
+        } else if (a == "--big-iterations" && value(v) && ParseSize(v, n) && n > 0) {
+            opt.bigIterations = n;
+        } else if (a == "--warmup" && value(v) && ParseSize(v, n)) {
+            opt.warmup = n;
+        } else if (a == "--startups" && value(v) && ParseSize(v, n) && n > 0) {
+            opt.startups = n;
+        } else if (a == "--idle-seconds" && value(v) && ParseSize(v, n) && n > 0) {
+            opt.idleSeconds = static_cast<int>(n);
+        } else {
+            std::fprintf(stderr, "vorn_bench: bad option %s\n", argv[i]);
+            Usage(argv[0]);
+            return false;
+        }
+    }
+    if (opt.bigIterations == 0) opt.bigIterations = std::max<size_t>(opt.iterations / 4, 100);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sockets
+
+std::string SocketName(const char* what) {
+    static int serial = 0;
+    return "vorn_bench_" + std::string(what) + "_" + std::to_string(getpid()) + "_" +
+           std::to_string(serial++);
+}
+
+socklen_t AbstractAddress(const std::string& name, sockaddr_un& addr) {
+    addr = sockaddr_un{};
+    addr.sun_family = AF_UNIX;
+    const size_t len = std::min(name.size(), sizeof addr.sun_path - 1);
+    std::memcpy(addr.sun_path + 1, name.data(), len);  // sun_path[0] = 0: abstract namespace
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + len);
+}
+
+int Listen(const std::string& name) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    sockaddr_un addr;
+    socklen_t len = AbstractAddress(name, addr);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(fd, 8) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// -1 when nobody listens (yet).
+int Connect(const std::string& name) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    sockaddr_un addr;
+    socklen_t len = AbstractAddress(name, addr);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+        close(fd);
+        return -1;
+    }
+    // A lost reply ends the case after 5 s instead of hanging it; no extra call per read.
+    timeval tv{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    return fd;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The raw echo server: a forked child, one thread per connection, a blocking read of one
+// transmission and one reply record carrying the same bytes, cut to the size a reply record can
+// have, as the daemon's are. Nothing else: it is the floor the daemon is measured against.
+
+void EchoConnection(int fd) {
+    std::vector<char> buf(kMaxTransmission);
+    for (;;) {
+        ssize_t n = read(fd, buf.data(), buf.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        uint32_t r = static_cast<uint32_t>(std::min<size_t>(n, kMaxRecord - kRecordOverhead));
+        uint32_t head[2] = {0, r};
+        uint32_t tail = 0;
+        iovec iov[3] = {{head, sizeof head}, {buf.data(), r}, {&tail, sizeof tail}};
+        msghdr msg{};
+        msg.msg_iov = iov;
+        msg.msg_iovlen = 3;
+        if (sendmsg(fd, &msg, MSG_NOSIGNAL) < 0) break;
+    }
+    close(fd);
+}
+
+[[noreturn]] void EchoServerMain(int listenFd) {
+    for (;;) {
+        int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
+            _exit(1);
+        }
+        std::thread(EchoConnection, fd).detach();
+    }
+}
+
+pid_t StartEchoServer(const std::string& name) {
+    int fd = Listen(name);
+    if (fd < 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) EchoServerMain(fd);
+    close(fd);  // listening already: the child owns it, connects cannot race its start
+    return pid;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The engine-shaped echo: the same echo, but each transmission travels the way a command does in
+// the daemon, and nothing else is done: a select loop reads it and hands it through a locked
+// queue (broadcast under the lock) to a request thread, which writes one byte to a monitor
+// thread's pipe, hands the reply through a second queue to a response thread that sends it, and
+// writes a second byte. Its figure is the floor of the engine's shape on this machine: what the
+// daemon costs above it is the library's own work.
+
+class HandOff {
+public:
+    void Put(std::string item) {
+        pthread_mutex_lock(&m_mutex);
+        m_items.push_back(std::move(item));
+        pthread_cond_broadcast(&m_cond);
+        pthread_mutex_unlock(&m_mutex);
+    }
+    std::string Take() {
+        pthread_mutex_lock(&m_mutex);
+        while (m_items.empty()) pthread_cond_wait(&m_cond, &m_mutex);
+        std::string item = std::move(m_items.front());
+        m_items.erase(m_items.begin());
+        pthread_mutex_unlock(&m_mutex);
+        return item;
+    }
+
+private:
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards m_items
+    pthread_cond_t m_cond = PTHREAD_COND_INITIALIZER;     // an item was put
+    std::vector<std::string> m_items;
+};
+
+[[noreturn]] void ShapedEchoMain(int listenFd) {
+    static HandOff requests, responses;
+    static int replyFd = -1;  // one client at a time takes turns: the reply target
+    static int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) _exit(1);
+    std::thread([] {  // monitor: wakes on every byte, as the daemon's does
+        for (;;) {
+            fd_set set;
+            FD_ZERO(&set);
+            FD_SET(pipeFds[0], &set);
+            timeval limit{15, 0};
+            if (select(pipeFds[0] + 1, &set, nullptr, nullptr, &limit) > 0) {
+                char byte;
+                if (read(pipeFds[0], &byte, 1) < 0) continue;
+            }
+        }
+    })
+        .detach();
+    std::thread([] {  // request thread
+        for (;;) {
+            std::string req = requests.Take();
+            char byte = 1;
+            if (write(pipeFds[1], &byte, 1) < 0) _exit(1);
+            uint32_t r =
+                static_cast<uint32_t>(std::min<size_t>(req.size(), kMaxRecord - kRecordOverhead));
+            std::string record(kRecordOverhead + r, '\0');
+            std::memcpy(&record[4], &r, 4);
+            std::memcpy(&record[8], req.data(), r);
+            responses.Put(std::move(record));
+            if (write(pipeFds[1], &byte, 1) < 0) _exit(1);
+        }
+    })
+        .detach();
+    std::thread([] {  // response thread
+        for (;;) {
+            std::string record = responses.Take();
+            send(__atomic_load_n(&replyFd, __ATOMIC_ACQUIRE), record.data(), record.size(),
+                 MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
+    })
+        .detach();
+    std::vector<int> clients;
+    std::vector<char> buf(kMaxTransmission);
+    for (;;) {
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(listenFd, &set);
+        int maxFd = listenFd;
+        for (int c : clients) {
+            FD_SET(c, &set);
+            maxFd = std::max(maxFd, c);
+        }
+        if (select(maxFd + 1, &set, nullptr, nullptr, nullptr) < 1) continue;
+        if (FD_ISSET(listenFd, &set)) {
+            int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd >= 0) clients.push_back(fd);
+            continue;
+        }
+        for (size_t i = 0; i < clients.size(); ++i) {
+            int fd = clients[i];
+            if (!FD_ISSET(fd, &set)) continue;
+            ssize_t n = read(fd, buf.data(), buf.size());
+            if (n <= 0) {
+                close(fd);
+                clients.erase(clients.begin() + static_cast<long>(i--));
+                continue;
+            }
+            __atomic_store_n(&replyFd, fd, __ATOMIC_RELEASE);
+            requests.Put(std::string(buf.data(), static_cast<size_t>(n)));
+        }
+    }
+}
+
+pid_t StartShapedEchoServer(const std::string& name) {
+    int fd = Listen(name);
+    if (fd < 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) ShapedEchoMain(fd);
+    close(fd);
+    return pid;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Client side: one send, then the reply record read with as few reads as it arrives in.
+
+struct Reply {
+    int32_t result = 0;
+    uint32_t requestLength = 0;
+    uint32_t responseLength = 0;
+    std::string response;
+};
+
+class Conn {
+public:
+    explicit Conn(int fd = -1) : m_fd(fd), m_buf(64 * 1024) {}
+    ~Conn() { Close(); }
+    Conn(Conn&& o) noexcept : m_fd(o.m_fd), m_buf(std::move(o.m_buf)) { o.m_fd = -1; }
+    Conn(const Conn&) = delete;
+    Conn& operator=(const Conn&) = delete;
+
+    bool ok() const { return m_fd >= 0; }
+    void Close() {
+        if (m_fd >= 0) close(m_fd);
+        m_fd = -1;
+    }
+
+    bool Send(const std::string& bytes) {
+        size_t done = 0;
+        while (done < bytes.size()) {
+            ssize_t n = send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return false;
+            done += static_cast<size_t>(n);
+        }
+        return true;
+    }
+
+    // Reads exactly one record. The response text is kept only when keepText is set.
+    bool ReadReply(Reply& reply, bool keepText = false) {
+        size_t have = 0;
+        size_t need = 8;
+        bool haveR = false, haveS = false;
+        for (;;) {
+            while (have < need) {
+                ssize_t n = recv(m_fd, m_buf.data() + have, m_buf.size() - have, 0);
+                if (n < 0 && errno == EINTR) continue;
+                if (n <= 0) return false;
+                have += static_cast<size_t>(n);
+            }
+            if (!haveR) {
+                std::memcpy(&reply.result, m_buf.data(), 4);
+                std::memcpy(&reply.requestLength, m_buf.data() + 4, 4);
+                haveR = true;
+                need = 8 + reply.requestLength + 4;
+            } else if (!haveS) {
+                std::memcpy(&reply.responseLength, m_buf.data() + 8 + reply.requestLength, 4);
+                haveS = true;
+                need += reply.responseLength;
+            } else {
+                break;
+            }
+            if (need > m_buf.size()) return false;  // no record is this long
+        }
+        if (have != need) return false;  // bytes beyond one record: the stream is out of step
+        if (keepText)
+            reply.response.assign(m_buf.data() + 12 + reply.requestLength, reply.responseLength);
+        return true;
+    }
+
+    bool RoundTrip(const std::string& bytes, Reply& reply) {
+        return Send(bytes) && ReadReply(reply);
+    }
+
+private:
+    int m_fd;
+    std::vector<char> m_buf;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Figures
+
+struct Latency {
+    double p50 = 0, p99 = 0;
+    size_t n = 0;
+    bool ok = false;
+};
+
+Latency Summarise(std::vector<double>& us) {
+    Latency l;
+    l.n = us.size();
+    if (us.empty()) return l;
+    std::sort(us.begin(), us.end());
+    auto at = [&](double q) {
+        size_t i = static_cast<size_t>(q * static_cast<double>(us.size() - 1) + 0.5);
+        return us[std::min(i, us.size() - 1)];
+    };
+    l.p50 = at(0.50);
+    l.p99 = at(0.99);
+    l.ok = true;
+    return l;
+}
+
+double Micros(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
+
+// Runs `count` timed round trips of `bytes` on `conn`, appending each in microseconds.
+// Every reply must echo as many command bytes as the first one did: a transmission split in two,
+// or a reply left over, shows there and ends the case instead of skewing it.
+bool TimedRounds(Conn& conn, const std::string& bytes, size_t count, std::vector<double>* out,
+                 Reply& reply, uint32_t expectedR) {
+    for (size_t i = 0; i < count; ++i) {
+        auto t0 = Clock::now();
+        if (!conn.RoundTrip(bytes, reply)) return false;
+        auto t1 = Clock::now();
+        if (reply.requestLength != expectedR) return false;
+        if (out) out->push_back(Micros(t1 - t0));
+    }
+    return true;
+}
+
+// One untimed round trip that sets what the others must look like, then the warm-up.
+bool WarmUp(Conn& conn, const std::string& bytes, size_t count, Reply& reply, uint32_t& r) {
+    if (!conn.RoundTrip(bytes, reply)) return false;
+    r = reply.requestLength;
+    return TimedRounds(conn, bytes, count, nullptr, reply, r);
+}
+
+struct Pair {
+    std::string name;
+    Latency echo, shaped, daemon;
+    int32_t result = 0;
+    uint32_t replyBytes = 0;
+    std::string error;
+};
+
+// Echo, engine-shaped echo and daemon in alternating blocks over one connection each.
+Pair MeasurePair(const std::string& name, const std::string& bytes, Conn& echo, Conn& shaped,
+                 Conn& daemon, size_t iterations, const Options& opt) {
+    Pair p;
+    p.name = name;
+    Reply reply;
+    uint32_t rEcho = 0, rShaped = 0, rDaemon = 0;
+    if (!WarmUp(echo, bytes, opt.warmup, reply, rEcho) ||
+        !WarmUp(shaped, bytes, opt.warmup, reply, rShaped) ||
+        !WarmUp(daemon, bytes, opt.warmup, reply, rDaemon)) {
+        p.error = "no reply during warm-up";
+        return p;
+    }
+    p.result = reply.result;
+    p.replyBytes =
+        static_cast<uint32_t>(kRecordOverhead + reply.requestLength + reply.responseLength);
+    std::vector<double> e, sh, d;
+    e.reserve(iterations);
+    sh.reserve(iterations);
+    d.reserve(iterations);
+    for (size_t done = 0; done < iterations; done += opt.block) {
+        size_t n = std::min(opt.block, iterations - done);
+        if (!TimedRounds(echo, bytes, n, &e, reply, rEcho)) {
+            p.error = "echo: no reply or one out of step";
+            return p;
+        }
+        if (!TimedRounds(shaped, bytes, n, &sh, reply, rShaped)) {
+            p.error = "engine-shaped echo: no reply or one out of step";
+            return p;
+        }
+        if (!TimedRounds(daemon, bytes, n, &d, reply, rDaemon)) {
+            p.error = "vornd: no reply or one out of step";
+            return p;
+        }
+    }
+    p.echo = Summarise(e);
+    p.shaped = Summarise(sh);
+    p.daemon = Summarise(d);
+    return p;
+}
+
+struct Throughput {
+    double echo = 0, daemon = 0;
+    std::string error;
+};
+
+double TakeTurns(std::vector<Conn>& clients, const std::string& bytes, size_t rounds, bool& ok) {
+    Reply reply;
+    ok = true;
+    auto t0 = Clock::now();
+    for (size_t i = 0; i < rounds; ++i) {
+        if (!clients[i % clients.size()].RoundTrip(bytes, reply)) {
+            ok = false;
+            return 0;
+        }
+    }
+    double s = std::chrono::duration<double>(Clock::now() - t0).count();
+    return static_cast<double>(rounds) / s;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The daemon as a child process
+
+class Daemon {
+public:
+    Daemon() = default;
+    ~Daemon() { Stop(); }
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    bool Spawn(const Options& opt, const std::string& socketName) {
+        std::vector<std::string> args = {opt.vornd, "--socket", socketName};
+        if (!opt.config.empty()) args.insert(args.end(), {"--config", opt.config});
+        if (!opt.logLevel.empty()) args.insert(args.end(), {"--log-level", opt.logLevel});
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&fa, 1, opt.logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                         0644);
+        posix_spawn_file_actions_adddup2(&fa, 1, 2);
+        int rc = posix_spawn(&m_pid, opt.vornd.c_str(), &fa, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&fa);
+        if (rc != 0) {
+            m_pid = -1;
+            return false;
+        }
+        return true;
+    }
+
+    // SIGTERM and the exit status: -1 when it did not end by itself with status 0 within 5 s.
+    int Stop() {
+        if (m_pid <= 0) return 0;
+        kill(m_pid, SIGTERM);
+        int status = 0;
+        auto deadline = Clock::now() + std::chrono::seconds(5);
+        pid_t r = 0;
+        while ((r = waitpid(m_pid, &status, WNOHANG)) == 0 && Clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        if (r == 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, &status, 0);
+            m_pid = -1;
+            return -1;
+        }
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    bool Alive() const {
+        if (m_pid <= 0) return false;
+        int status = 0;
+        return waitpid(m_pid, &status, WNOHANG) == 0;
+    }
+
+    pid_t pid() const { return m_pid; }
+
+private:
+    pid_t m_pid = -1;
+};
+
+// Connects, retrying while the daemon has not opened its socket yet.
+Conn ConnectWithin(const std::string& name, const Daemon* d, std::chrono::milliseconds limit) {
+    auto deadline = Clock::now() + limit;
+    while (Clock::now() < deadline) {
+        int fd = Connect(name);
+        if (fd >= 0) return Conn(fd);
+        if (d && !d->Alive()) break;
+        timespec ts{0, 100 * 1000};  // 100 us: fine enough for a start-up of milliseconds
+        nanosleep(&ts, nullptr);
+    }
+    return Conn();
+}
+
+// Spawn -> connect -> "JXT" reply, in milliseconds; negative on failure.
+double StartupOnce(const Options& opt, std::string& error) {
+    Daemon d;
+    const std::string name = SocketName("start");
+    auto t0 = Clock::now();
+    if (!d.Spawn(opt, name)) {
+        error = "cannot spawn " + opt.vornd;
+        return -1;
+    }
+    Conn c = ConnectWithin(name, &d, std::chrono::seconds(10));
+    Reply reply;
+    if (!c.ok() || !c.RoundTrip("JXT", reply)) {
+        error = "no reply from a fresh vornd";
+        return -1;
+    }
+    double ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+    c.Close();
+    int status = d.Stop();
+    if (status != 0) {
+        error = "vornd exit status " + std::to_string(status) + " after SIGTERM";
+        return -1;
+    }
+    return ms;
+}
+
+// ---------------------------------------------------------------------------------------------
+// /proc
+
+long StatusKiB(pid_t pid, const char* key) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    const size_t klen = std::strlen(key);
+    while (std::getline(in, line)) {
+        if (line.compare(0, klen, key) == 0 && line.size() > klen && line[klen] == ':')
+            return std::strtol(line.c_str() + klen + 1, nullptr, 10);
+    }
+    return -1;
+}
+
+// utime + stime of the whole process, in clock ticks.
+long long CpuTicks(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    size_t close = all.rfind(')');
+    if (close == std::string::npos) return -1;
+    std::istringstream rest(all.substr(close + 2));
+    std::string field;
+    long long utime = -1, stime = -1;
+    // After the command come the state (field 3) ... utime (14), stime (15).
+    for (int i = 3; i <= 15 && rest >> field; ++i) {
+        if (i == 14) utime = std::atoll(field.c_str());
+        if (i == 15) stime = std::atoll(field.c_str());
+    }
+    return (utime < 0 || stime < 0) ? -1 : utime + stime;
+}
+
+std::string ThreadsOf(pid_t pid) {
+    long n = StatusKiB(pid, "Threads");
+    return n < 0 ? "?" : std::to_string(n);
+}
+
+std::string Fixed(double v, int decimals) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%.*f", decimals, v);
+    return buf;
+}
+
+std::string Ratio(double a, double b) { return b > 0 ? Fixed(a / b, 2) + "x" : "-"; }
+
+// ---------------------------------------------------------------------------------------------
+
+struct Report {
+    std::vector<Pair> pairs;
+    Throughput turns;
+    std::vector<double> startupsMs;
+    double startupMedian = -1;
+    long rssKiB = -1, hwmKiB = -1;
+    long long idleTicks = -1;
+    int idleSeconds = 0;
+    std::string threads = "?";
+    std::vector<std::string> errors;
+};
+
+void PrintPair(const Pair& p) {
+    if (!p.error.empty()) {
+        std::printf("%-24s FAILED: %s\n", p.name.c_str(), p.error.c_str());
+        return;
+    }
+    std::printf(
+        "%-22s echo p50 %6.1f p99 %6.1f | shaped p50 %6.1f (%s) p99 %6.1f (%s) | "
+        "vornd p50 %6.1f (%s) p99 %6.1f (%s) us  [result %d, reply %u B, n=%zu]\n",
+        p.name.c_str(), p.echo.p50, p.echo.p99, p.shaped.p50,
+        Ratio(p.shaped.p50, p.echo.p50).c_str(), p.shaped.p99,
+        Ratio(p.shaped.p99, p.echo.p99).c_str(), p.daemon.p50,
+        Ratio(p.daemon.p50, p.echo.p50).c_str(), p.daemon.p99,
+        Ratio(p.daemon.p99, p.echo.p99).c_str(), p.result, p.replyBytes, p.daemon.n);
+    std::fflush(stdout);
+}
+
+void PrintTable(const Report& r) {
+    std::printf(
+        "\n| Case | raw echo p50 / p99 (us) | engine-shaped echo p50 / p99 (us) | vornd p50 / p99 "
+        "(us) | vornd / raw echo p50 / p99 | vornd / shaped p50 |\n");
+    std::printf("|---|---|---|---|---|---|\n");
+    for (const Pair& p : r.pairs) {
+        if (!p.error.empty()) {
+            std::printf("| %s | failed: %s | | | | |\n", p.name.c_str(), p.error.c_str());
+            continue;
+        }
+        std::printf("| %s | %s / %s | %s / %s | %s / %s | %s / %s | %s |\n", p.name.c_str(),
+                    Fixed(p.echo.p50, 1).c_str(), Fixed(p.echo.p99, 1).c_str(),
+                    Fixed(p.shaped.p50, 1).c_str(), Fixed(p.shaped.p99, 1).c_str(),
+                    Fixed(p.daemon.p50, 1).c_str(), Fixed(p.daemon.p99, 1).c_str(),
+                    Ratio(p.daemon.p50, p.echo.p50).c_str(),
+                    Ratio(p.daemon.p99, p.echo.p99).c_str(),
+                    Ratio(p.daemon.p50, p.shaped.p50).c_str());
+    }
+    if (r.turns.error.empty())
+        std::printf("| 4 clients taking turns, \"JXT\" | %s cmd/s | | %s cmd/s | %s of echo | |\n",
+                    Fixed(r.turns.echo, 0).c_str(), Fixed(r.turns.daemon, 0).c_str(),
+                    r.turns.echo > 0
+                        ? (Fixed(100.0 * r.turns.daemon / r.turns.echo, 0) + "%").c_str()
+                        : "-");
+    else
+        std::printf("| 4 clients taking turns | failed: %s | | | | |\n", r.turns.error.c_str());
+    std::printf("\n| Daemon figure | Value | Target |\n|---|---|---|\n");
+    std::printf("| start-up to first \"JXT\" reply (median of %zu) | %s ms | |\n",
+                r.startupsMs.size(), r.startupMedian < 0 ? "-" : Fixed(r.startupMedian, 1).c_str());
+    std::printf("| resident memory, defaults (VmRSS / VmHWM) | %s / %s KiB | < 8192 KiB |\n",
+                r.rssKiB < 0 ? "-" : std::to_string(r.rssKiB).c_str(),
+                r.hwmKiB < 0 ? "-" : std::to_string(r.hwmKiB).c_str());
+    std::printf("| processor time over %d idle s (utime+stime) | %s ticks | 0 |\n", r.idleSeconds,
+                r.idleTicks < 0 ? "-" : std::to_string(r.idleTicks).c_str());
+    std::printf("| threads | %s | |\n", r.threads.c_str());
+}
+
+std::string MachineLine() {
+    std::ifstream in("/proc/cpuinfo");
+    std::string line, model = "unknown CPU";
+    while (std::getline(in, line)) {
+        if (line.compare(0, 10, "model name") == 0) {
+            size_t colon = line.find(':');
+            if (colon != std::string::npos) model = line.substr(colon + 2);
+            break;
+        }
+    }
+    return "nproc " + std::to_string(std::thread::hardware_concurrency()) + ", " + model;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options opt;
+    if (!ParseOptions(argc, argv, opt)) return 2;
+    signal(SIGPIPE, SIG_IGN);
+
+    // The echo children are forked first, while this process still has a single thread.
+    const std::string echoName = SocketName("echo");
+    const std::string shapedName = SocketName("shaped");
+    const pid_t echoPids[2] = {StartEchoServer(echoName), StartShapedEchoServer(shapedName)};
+    auto stopEcho = [&] {
+        for (pid_t pid : echoPids) {
+            if (pid <= 0) continue;
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    };
+    if (echoPids[0] < 0 || echoPids[1] < 0) {
+        std::fprintf(stderr, "vorn_bench: cannot start the echo servers\n");
+        stopEcho();
+        return 1;
+    }
+
+    std::printf("vorn_bench: %s\n", MachineLine().c_str());
+    if (opt.attach.empty())
+        std::printf("vornd: %s\n", opt.vornd.empty() ? "(none)" : opt.vornd.c_str());
+    else
+        std::printf("vornd: attached to socket %s\n", opt.attach.c_str());
+    std::printf("round trips per case: %zu (24 KiB case %zu), warm-up %zu, blocks of %zu\n\n",
+                opt.iterations, opt.bigIterations, opt.warmup, opt.block);
+    if (opt.attach.empty() && (opt.vornd.empty() || access(opt.vornd.c_str(), X_OK) != 0)) {
+        std::fprintf(stderr,
+                     "vorn_bench: no vornd to run (build the vornd target or pass --vornd)\n");
+        stopEcho();
+        return 1;
+    }
+
+    Report report;
+    report.idleSeconds = opt.idleSeconds;
+
+    Daemon daemon;
+    const bool attached = !opt.attach.empty();
+    const std::string daemonName = attached ? opt.attach : SocketName("vornd");
+    if (!attached && !daemon.Spawn(opt, daemonName)) {
+        std::fprintf(stderr, "vorn_bench: cannot spawn %s\n", opt.vornd.c_str());
+        stopEcho();
+        return 1;
+    }
+    const pid_t daemonPid = attached ? opt.attachPid : daemon.pid();
+    Conn d0 = ConnectWithin(daemonName, attached ? nullptr : &daemon, std::chrono::seconds(10));
+    Conn e0(Connect(echoName));
+    Conn s0(Connect(shapedName));
+    if (!d0.ok() || !e0.ok() || !s0.ok()) {
+        std::fprintf(stderr, "vorn_bench: cannot connect (vornd %s, echo %s); see %s\n",
+                     d0.ok() ? "ok" : "failed", e0.ok() && s0.ok() ? "ok" : "failed",
+                     opt.logFile.c_str());
+        stopEcho();
+        return 1;
+    }
+
+    // Latency cases: the same bytes to both servers.
+    std::string big = "JXT+GSENSOR=";
+    big.resize(kMaxTransmission, '7');
+    struct Case {
+        const char* name;
+        std::string bytes;
+        size_t iterations;
+    };
+    const Case cases[] = {
+        {"\"JXT\"", "JXT", opt.iterations},
+        {"\"JXT+GSENSOR=1\"", "JXT+GSENSOR=1", opt.iterations},
+        {"24 KiB transmission", big, opt.bigIterations},
+    };
+    for (const Case& c : cases) {
+        report.pairs.push_back(MeasurePair(c.name, c.bytes, e0, s0, d0, c.iterations, opt));
+        PrintPair(report.pairs.back());
+        if (!report.pairs.back().error.empty()) break;  // the stream is out of step
+    }
+
+    // Four clients taking turns: each waits for its reply before the next one sends.
+    {
+        std::vector<Conn> ec, dc;
+        for (int i = 0; i < 3; ++i) {
+            ec.emplace_back(Connect(echoName));
+            dc.emplace_back(Connect(daemonName));
+        }
+        ec.push_back(std::move(e0));
+        dc.push_back(std::move(d0));
+        bool ok = std::all_of(ec.begin(), ec.end(), [](const Conn& c) { return c.ok(); }) &&
+                  std::all_of(dc.begin(), dc.end(), [](const Conn& c) { return c.ok(); });
+        bool eok = false, dok = false;
+        if (ok) {
+            TakeTurns(ec, "JXT", opt.warmup, eok);
+            TakeTurns(dc, "JXT", opt.warmup, dok);
+            ok = eok && dok;
+        }
+        // Alternating halves, as for the latency cases.
+        double eRate = 0, dRate = 0;
+        for (int half = 0; ok && half < 2; ++half) {
+            eRate += TakeTurns(ec, "JXT", opt.iterations / 2, eok) / 2;
+            dRate += TakeTurns(dc, "JXT", opt.iterations / 2, dok) / 2;
+            ok = eok && dok;
+        }
+        if (ok) {
+            report.turns.echo = eRate;
+            report.turns.daemon = dRate;
+            std::printf("%-24s echo %8.0f cmd/s | vornd %8.0f cmd/s (%.0f%% of echo)\n",
+                        "4 clients taking turns", eRate, dRate, 100.0 * dRate / eRate);
+        } else {
+            report.turns.error = "a client got no reply";
+            std::printf("4 clients taking turns   FAILED\n");
+        }
+
+        // Resident memory after the warm-up, then the idle window with all four still connected.
+        if (daemonPid > 0) {
+            report.rssKiB = StatusKiB(daemonPid, "VmRSS");
+            report.hwmKiB = StatusKiB(daemonPid, "VmHWM");
+            report.threads = ThreadsOf(daemonPid);
+            long long before = CpuTicks(daemonPid);
+            std::this_thread::sleep_for(std::chrono::seconds(opt.idleSeconds));
+            long long after = CpuTicks(daemonPid);
+            if (before >= 0 && after >= 0) report.idleTicks = after - before;
+            std::printf("resident memory          VmRSS %ld KiB, VmHWM %ld KiB, %s threads\n",
+                        report.rssKiB, report.hwmKiB, report.threads.c_str());
+            std::printf("idle processor time      %lld ticks over %d s\n", report.idleTicks,
+                        opt.idleSeconds);
+        }
+    }
+    int status = daemon.Stop();
+    if (status != 0) {
+        report.errors.push_back("vornd exit status " + std::to_string(status) + " after SIGTERM");
+    }
+
+    // Start-up to the first reply, each on a fresh socket name.
+    for (size_t i = 0; !attached && i < opt.startups; ++i) {
+        std::string error;
+        double ms = StartupOnce(opt, error);
+        if (ms < 0) {
+            report.errors.push_back("start-up: " + error);
+            break;
+        }
+        report.startupsMs.push_back(ms);
+    }
+    if (!report.startupsMs.empty()) {
+        std::vector<double> s = report.startupsMs;
+        std::sort(s.begin(), s.end());
+        report.startupMedian = s[s.size() / 2];
+        std::printf("start-up to first reply  median %.1f ms (of %zu: %.1f .. %.1f)\n",
+                    report.startupMedian, s.size(), s.front(), s.back());
+    }
+    stopEcho();
+
+    PrintTable(report);
+    std::printf("\nmachine: %s\n", MachineLine().c_str());
+    for (const std::string& e : report.errors) std::printf("error: %s\n", e.c_str());
+
+    // Targets: "JXT" p50 within 1.5x of the echo (acceptance 2.5x), RSS < 8 MiB, idle ticks 0.
+    bool failed = !report.errors.empty() || !report.turns.error.empty();
+    for (const Pair& p : report.pairs) failed = failed || !p.error.empty();
+    const Pair* jxt = report.pairs.empty() ? nullptr : &report.pairs.front();
+    double ratio = jxt && jxt->error.empty() ? jxt->daemon.p50 / jxt->echo.p50 : -1;
+    std::printf(
+        "\ntargets: \"JXT\" p50 ratio %s (target 1.5x, acceptance 2.5x): %s; "
+        "RSS %ld KiB < 8192: %s; idle ticks %lld == 0: %s\n",
+        ratio < 0 ? "-" : Fixed(ratio, 2).c_str(),
+        ratio < 0      ? "n/a"
+        : ratio <= 1.5 ? "met"
+        : ratio <= 2.5 ? "accepted"
+                       : "MISSED",
+        report.rssKiB, (report.rssKiB >= 0 && report.rssKiB < 8192) ? "met" : "MISSED",
+        report.idleTicks, report.idleTicks == 0 ? "met" : "MISSED");
+    if (opt.check) {
+        failed = failed || ratio < 0 || ratio > 2.5 || report.rssKiB < 0 || report.rssKiB >= 8192 ||
+                 report.idleTicks != 0;
+    }
+    return failed ? 1 : 0;
+}
