@@ -11,8 +11,9 @@
 
 namespace vorn_test {
 
-// A program run as a separate process, its stdout and stderr captured in files. A child still
-// running when the object goes is killed and reaped.
+// A program run as a separate process (argv[0] is its path), `env` added to this process's
+// environment, `input` as its stdin, stdout and stderr kept in files. Killed if still running
+// when the object goes.
 class ChildProcess {
 public:
     ChildProcess() = default;
@@ -20,22 +21,18 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // argv[0] is the program's path; `env` adds "NAME=value" entries to this process's
-    // environment; `input` becomes the child's standard input.
     bool Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
                const std::string& input = "");
-    // True when the child ended within the limit.
+    // True when the child ended within the limit; ExitStatus() is then its status, or 128 + the
+    // signal number that ended it.
     bool Wait(std::chrono::milliseconds limit);
-    bool Running();
     void Signal(int signo);
-    // The exit status, or 128 + the signal number when a signal ended the child.
     int ExitStatus() const { return m_nStatus; }
-    std::string Stdout() const;
-    std::string Stderr() const;
-    pid_t pid() const { return m_pid; }
+    std::string Stdout() const { return Read("stdout"); }
+    std::string Stderr() const { return Read("stderr"); }
 
 private:
-    bool Reap(bool block);
+    std::string Read(const std::string& name) const;
 
     TempDir m_dir;
     pid_t m_pid = -1;
