@@ -78,16 +78,12 @@ TEST_F(Vornd, AnswersBuiltInHalAndRefusedCommands) {
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.response.rfind("MemTotal:", 0), 0u) << r.response;
     EXPECT_NE(r.response.find(" kB,MemAvailable:"), std::string::npos) << r.response;
-}
 
-TEST_F(Vornd, VornctlExitStatusFollowsTheResults) {
-    const RunResult r =
-        RunProgram({VORNCTL_PATH, "--socket", socket, "--json", "JXT", "JXT+NOSUCH"});
-    EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_EQ(r.out,
-              "{\"result\":0,\"meaning\":\"Success\",\"command\":\"JXT\",\"response\":\"\"}\n"
-              "{\"result\":1001,\"meaning\":\"Normal error\",\"command\":\"JXT+NOSUCH\","
-              "\"response\":\"1001:Normal error\\r\\n\"}\n");
+    // vornctl reads the same records (its layouts are driven exactly against a stand-in).
+    const RunResult ctl = RunProgram({VORNCTL_PATH, "--socket", socket, "JXT", "JXT+NOSUCH"});
+    EXPECT_EQ(ctl.status, 1) << ctl.err;
+    EXPECT_NE(ctl.out.find("JXT+NOSUCH\n  result   1001 (Normal error)\n"), std::string::npos)
+        << ctl.out;
 }
 
 TEST_F(Vornd, StopsOnSigtermWithinASecondWithStatusZero) { StopsWithinASecondOn(SIGTERM); }
@@ -126,7 +122,6 @@ TEST(VorndStartup, RejectsUnusableConfigurationAndBadOptions) {
     r = RunProgram({VORND_PATH, "--print-config", "--config", dir.Write("bad.json", "{ nope")});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(RunProgram({VORND_PATH, "--log-level", "7"}).status, 2);
-    EXPECT_EQ(RunProgram({VORND_PATH, "--socket"}).status, 2);
 }
 
 }  // namespace
