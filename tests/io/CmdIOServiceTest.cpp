@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -10,98 +9,82 @@
 #include "support/TestSupport.h"
 
 using vorn_test::Client;
-using vorn_test::LogCapture;
 using vorn_test::Reply;
 
 namespace {
 const auto kQuiet = std::chrono::milliseconds(50);
 
 // A server with one connected client whose first transmission has arrived.
-RecordingServer* ServerWithClient(const char* stem, Client& client, const std::string& command) {
+RecordingServer* ServerWithClient(const char* stem, Client& client) {
     RecordingServer* server = RecordingServer::Launch(stem);
-    size_t before = server->Received().size();
     EXPECT_TRUE(client.Connect(server->Name()));
-    EXPECT_TRUE(client.Send(command));
-    EXPECT_TRUE(server->AwaitCount(before + 1));
+    EXPECT_TRUE(client.Send("JXT+A"));
+    EXPECT_TRUE(server->AwaitCount(1));
     return server;
 }
 }  // namespace
 
-TEST(CmdIOService, ErrorRecordGoesToTheClientOfTheLatestCommand) {
+TEST(CmdIOService, ErrorAndOversizedRepliesGoWholeToTheClientOfTheLatestCommand) {
+    vorn_test::LogCapture log;
     Client a, b;
-    RecordingServer* server = ServerWithClient("latest", a, "JXT+A=1");
+    RecordingServer* server = ServerWithClient("latest", a);
     ASSERT_TRUE(b.Connect(server->Name()));
     ASSERT_TRUE(b.Send("JXT+UNKNOWN\r"));
     ASSERT_TRUE(server->AwaitCount(2));
 
     server->ErrorResponse("JXT+UNKNOWN\r", 12, 1003);
-    Reply reply;
-    ASSERT_TRUE(b.ReadReply(reply));
-    EXPECT_EQ(1003, reply.result);
-    EXPECT_EQ("JXT+UNKNOWN\r", reply.request);
-    EXPECT_EQ("1003:Unsupport command\r\n", reply.response);
-
+    EXPECT_EQ(vorn_test::EncodeReply(1003, "JXT+UNKNOWN\r", "1003:Unsupport command\r\n"),
+              b.ReadAvailable(kQuiet));
     server->ErrorResponse("JXT+X", 5, 1008);
-    ASSERT_TRUE(b.ReadReply(reply));
-    EXPECT_EQ("1008:The parameter is invalid\r\n", reply.response);
-    EXPECT_EQ(48u, 12 + reply.request.size() + reply.response.size());
-
+    EXPECT_EQ(vorn_test::EncodeReply(1008, "JXT+X", "1008:The parameter is invalid\r\n"),
+              b.ReadAvailable(kQuiet));
     // An empty request gives no record at all.
     server->ErrorResponse("", 0, 1001);
     EXPECT_EQ("", b.ReadAvailable(kQuiet));
+
+    // The staging record holds 3172 bytes: a longer reply is refused whole...
+    const std::string fits = vorn_test::EncodeReply(0, "JXT+A", std::string(3172 - 17, 'r'));
+    EXPECT_EQ(0, server->SendResponse(2, fits.data(), fits.size()));
+    EXPECT_EQ(fits, b.ReadAvailable(kQuiet));
+    const std::string big(3173, 'x');
+    EXPECT_EQ(1009, server->SendResponse(2, big.data(), big.size()));
+    EXPECT_TRUE(
+        log.Has("reply of 3173 bytes exceeds the staging record (3172)", "SendResponse", 4));
+    EXPECT_EQ("", b.ReadAvailable(kQuiet));
+    // ...while an error reply cuts the echoed command instead, so it still arrives whole.
+    server->ErrorResponse(big.data(), 3173, 1003);
+    EXPECT_EQ(vorn_test::EncodeReply(1003, big.substr(0, 3136), "1003:Unsupport command\r\n"),
+              b.ReadAvailable(kQuiet));
+    EXPECT_TRUE(log.Has("echo of a 3173-byte command cut to 3136 bytes", "ErrorResponse", 3));
     EXPECT_EQ("", a.ReadAvailable(kQuiet));
 }
 
 TEST(CmdIOService, ReplyToAVanishedClientIsDroppedWithoutSigpipe) {
     Client client;
-    RecordingServer* server = ServerWithClient("gone", client, "JXT+A");
-    server->Hold();
+    RecordingServer* server = ServerWithClient("gone", client);
+    server->Hold(true);
     ASSERT_TRUE(client.Send("JXT+B"));
     ASSERT_TRUE(server->AwaitCount(2));
     // The loop thread is held in the callback, so the slot still names the closed peer.
     client.Close();
     void* target = server->ReplyTarget();
-    EXPECT_EQ(-1, server->HandleResponse(reinterpret_cast<const unsigned char*>("x"), 1, target));
+    const auto* x = reinterpret_cast<const unsigned char*>("x");
+    EXPECT_EQ(-1, server->HandleResponse(x, 1, target));
     EXPECT_EQ(EPIPE, errno);
-    server->Let();
+    server->Hold(false);
     ASSERT_TRUE(vorn_test::Await([&] { return server->ClientFd(0) == -1; }));
-    EXPECT_EQ(0, server->HandleResponse(reinterpret_cast<const unsigned char*>("x"), 1, target));
+    EXPECT_EQ(0, server->HandleResponse(x, 1, target));
     EXPECT_EQ(0, server->SendResponse(2, "x", 1));
-}
-
-TEST(CmdIOService, ReplyLongerThanTheStagingRecordIsRefused) {
-    LogCapture log;
-    Client client;
-    RecordingServer* server = ServerWithClient("oversize", client, "JXT+A");
-    std::string fits = vorn_test::EncodeReply(0, "JXT+A", std::string(3172 - 17, 'r'));
-    EXPECT_EQ(0, server->SendResponse(2, fits.data(), fits.size()));
-    Reply reply;
-    ASSERT_TRUE(client.ReadReply(reply));
-    EXPECT_EQ(3172u - 17, reply.response.size());
-
-    std::string big(3173, 'x');
-    EXPECT_EQ(1009, server->SendResponse(2, big.data(), big.size()));
-    EXPECT_TRUE(
-        log.Has("reply of 3173 bytes exceeds the staging record (3172)", "SendResponse", 4));
-    EXPECT_EQ("", client.ReadAvailable(kQuiet));
-
-    // An error reply cuts the echoed command instead, so it still arrives whole.
-    server->ErrorResponse(big.data(), 3173, 1003);
-    ASSERT_TRUE(client.ReadReply(reply));
-    EXPECT_EQ(1003, reply.result);
-    EXPECT_EQ("1003:Unsupport command\r\n", reply.response);
-    EXPECT_EQ(3172u, 12 + reply.request.size() + reply.response.size());
-    EXPECT_TRUE(log.Has("echo of a 3173-byte command cut to 3136 bytes", "ErrorResponse", 3));
 }
 
 TEST(CmdIOService, RepliesFromTwoThreadsNeverInterleave) {
     Client client;
-    RecordingServer* server = ServerWithClient("race", client, "JXT+A");
+    RecordingServer* server = ServerWithClient("race", client);
     const int kEach = 200;
     std::atomic<int> sent{0}, seen{0};
     // Replies never wait for a slow reader, so the senders keep only a few records in flight.
     auto sender = [&](char fill) {
-        std::string record = vorn_test::EncodeReply(0, std::string(1500, fill), "");
+        const std::string record = vorn_test::EncodeReply(0, std::string(1500, fill), "");
         for (int i = 0; i < kEach; ++i) {
             vorn_test::Await([&] { return sent - seen < 8; });
             ++sent;

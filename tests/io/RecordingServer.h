@@ -3,29 +3,43 @@
 
 #include <pthread.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "io/CmdIOService.h"
+#include "support/TestSupport.h"
 
 // A command I/O service whose callback records every transmission and the loop thread, and can
 // hold the loop thread inside the callback.
 class RecordingServer : public CmdIOService {
 public:
-    explicit RecordingServer(const std::string& name);
+    explicit RecordingServer(const std::string& name) : CmdIOService(name.c_str()) {
+        CmdIOCallback(&RecordingServer::Record, this);
+    }
 
     // A started server on a fresh name. Never deleted: its detached loop thread runs for the
     // life of the test process.
-    static RecordingServer* Launch(const std::string& stem);
+    static RecordingServer* Launch(const std::string& stem) {
+        auto* server = new RecordingServer(vorn_test::UniqueSocketName(stem));
+        server->CmdIOStart();
+        return server;
+    }
 
-    std::vector<std::string> Received() const;
-    bool AwaitCount(size_t count) const;
-    pthread_t LoopThread() const;
+    std::vector<std::string> Received() const {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_received;
+    }
+    bool AwaitCount(size_t count) const {
+        return vorn_test::Await([&] { return Received().size() >= count; });
+    }
+    pthread_t LoopThread() const {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_loopThread;
+    }
     // While held, the next transmission keeps the loop thread inside the callback.
-    void Hold();
-    void Let();
+    void Hold(bool held) { m_held = held; }
 
     std::string Name() const { return m_pSocketName; }
     int ClientFd(int slot) const { return m_nClientFds[slot]; }
@@ -33,13 +47,21 @@ public:
     void* ReplyTarget() const { return m_pReplyTarget; }
 
 private:
-    static int Record(char const* command, int length, void* context);
+    static int Record(char const* command, int length, void* context) {
+        auto* self = static_cast<RecordingServer*>(context);
+        {
+            std::lock_guard<std::mutex> lock(self->m_lock);
+            self->m_received.emplace_back(command, static_cast<size_t>(length));
+            self->m_loopThread = pthread_self();
+        }
+        vorn_test::Await([self] { return !self->m_held; }, std::chrono::milliseconds(10000));
+        return 0;
+    }
 
-    mutable std::mutex m_lock;  // guards everything below
-    std::condition_variable m_changed;
+    mutable std::mutex m_lock;  // guards m_received and m_loopThread
     std::vector<std::string> m_received;
     pthread_t m_loopThread{};
-    bool m_held = false;
+    std::atomic<bool> m_held{false};  // set by the test thread, read by the loop thread
 };
 
 #endif

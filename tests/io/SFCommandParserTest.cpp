@@ -13,7 +13,7 @@ std::string Header(std::string command) {
 }
 }  // namespace
 
-TEST(SFCommandParser, SplitsHeaderAndParameter) {
+TEST(SFCommandParser, SplitsHeaderAndParameterAndTrimsLineEnds) {
     EXPECT_EQ("JXT+GSENSOR", Header("JXT+GSENSOR=1,2"));
     EXPECT_EQ("JXT+CPVERSION", Header("JXT+CPVERSION?"));
     EXPECT_EQ("A?B", Header("A?B=C"));
@@ -28,9 +28,8 @@ TEST(SFCommandParser, SplitsHeaderAndParameter) {
     EXPECT_EQ("untouched", parameter);
     EXPECT_TRUE(SFCommandParser::GetCommandParamer("JXT+A=B=C", parameter));
     EXPECT_EQ("B=C", parameter);
-}
 
-TEST(SFCommandParser, OnlyTheStringFormTrimsLineEnds) {
+    // Only the string form trims line ends.
     std::string text = "JXT+X\r\n\r";
     EXPECT_TRUE(SFCommandParser::RemoveEnterSymbol(text));
     EXPECT_EQ("JXT+X", text);

@@ -9,53 +9,41 @@
 #include "io/RecordingServer.h"
 #include "support/TestSupport.h"
 
+using vorn_test::Await;
 using vorn_test::Client;
 using vorn_test::LogCapture;
 
-namespace {
-bool NonBlocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
-void OnSignal(int) {}
-}  // namespace
-
-TEST(SocketServer, TransmissionsUpToAndAtTheChunkSizeArriveWhole) {
+TEST(SocketServer, TransmissionsArriveWholeUpToEightChunks) {
     LogCapture log;
     RecordingServer* server = RecordingServer::Launch("chunk");
-    EXPECT_TRUE(fcntl(server->ServerFd(), F_GETFD) & FD_CLOEXEC);
     Client client;
     ASSERT_TRUE(client.Connect(server->Name()));
     // Empty text never reaches the callback.
     ASSERT_TRUE(client.Send(std::string(1, '\0')));
-    ASSERT_TRUE(vorn_test::Await([&] { return server->ReplyTarget() != nullptr; }));
+    ASSERT_TRUE(Await([&] { return server->ReplyTarget() != nullptr; }));
+    const int fd = server->ClientFd(0);
+    EXPECT_TRUE(fcntl(server->ServerFd(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
 
     ASSERT_TRUE(client.Send(std::string(3071, 'a')));
     ASSERT_TRUE(server->AwaitCount(1));
-    EXPECT_EQ(std::string(3071, 'a'), server->Received()[0]);
     EXPECT_TRUE(log.Has("received size =3071", "Run", 1));
-    int fd = server->ClientFd(0);
-    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-
+    // A full chunk reads on until the socket is empty.
     ASSERT_TRUE(client.Send(std::string(3072, 'b')));
     ASSERT_TRUE(server->AwaitCount(2));
-    EXPECT_EQ(2u, server->Received().size());
-    EXPECT_EQ(std::string(3072, 'b'), server->Received()[1]);
     EXPECT_TRUE(log.Has("No data to read,Receive completed!!!", "Run", 4));
-    EXPECT_FALSE(log.Has("received size =3072"));
-    EXPECT_TRUE(vorn_test::Await([&] { return !NonBlocking(fd); }));
-}
-
-TEST(SocketServer, LongTransmissionIsCutAfterEightChunks) {
-    RecordingServer* server = RecordingServer::Launch("long");
-    Client client;
-    ASSERT_TRUE(client.Connect(server->Name()));
+    EXPECT_TRUE(Await([&] { return !(fcntl(fd, F_GETFL) & O_NONBLOCK); }));
+    // A long one is cut after eight chunks.
     std::string payload;
     for (int i = 0; i < 30000; ++i) payload += static_cast<char>('a' + i % 26);
     ASSERT_TRUE(client.Send(payload));
-    ASSERT_TRUE(server->AwaitCount(2));
-    EXPECT_EQ(payload.substr(0, 24576), server->Received()[0]);
-    EXPECT_EQ(payload.substr(24576), server->Received()[1]);
+    ASSERT_TRUE(server->AwaitCount(4));
+    EXPECT_EQ(server->Received(),
+              (std::vector<std::string>{std::string(3071, 'a'), std::string(3072, 'b'),
+                                        payload.substr(0, 24576), payload.substr(24576)}));
 }
 
-TEST(SocketServer, FifthClientIsAcceptedButNeverRead) {
+TEST(SocketServer, FifthClientIsAcceptedButNeverReadAndAFreedSlotIsReused) {
     LogCapture log;
     RecordingServer* server = RecordingServer::Launch("five");
     std::array<Client, 5> clients;
@@ -70,26 +58,21 @@ TEST(SocketServer, FifthClientIsAcceptedButNeverRead) {
     ASSERT_TRUE(clients[0].Send("JXT+AFTER"));
     ASSERT_TRUE(server->AwaitCount(5));
     EXPECT_EQ("JXT+AFTER", server->Received()[4]);
-    EXPECT_TRUE(server->isConnect());
 
-    // A client that leaves frees its slot for the next one.
     clients[2].Close();
-    ASSERT_TRUE(vorn_test::Await([&] { return server->ClientFd(2) == -1; }));
-    EXPECT_TRUE(log.Has("disconnect client[2]...", "Run", 4));
+    ASSERT_TRUE(Await([&] { return server->ClientFd(2) == -1; }));
     Client next;
     ASSERT_TRUE(next.Connect(server->Name()));
-    ASSERT_TRUE(vorn_test::Await([&] { return server->ClientFd(2) != -1; }));
     ASSERT_TRUE(next.Send("JXT+NEXT"));
     ASSERT_TRUE(server->AwaitCount(6));
     EXPECT_EQ("JXT+NEXT", server->Received()[5]);
+    EXPECT_NE(-1, server->ClientFd(2));
 }
 
 TEST(SocketServer, SignalDuringSelectEndsTheLoop) {
     struct sigaction action = {};
-    action.sa_handler = OnSignal;  // no SA_RESTART: select returns EINTR
-    sigemptyset(&action.sa_mask);
+    action.sa_handler = [](int) {};  // no SA_RESTART: select returns EINTR
     ASSERT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
-
     LogCapture log;
     auto* server = new RecordingServer(vorn_test::UniqueSocketName("signal"));
     ASSERT_EQ(0, server->Start());
@@ -98,14 +81,11 @@ TEST(SocketServer, SignalDuringSelectEndsTheLoop) {
     ASSERT_TRUE(client.Send("JXT+A"));
     ASSERT_TRUE(server->AwaitCount(1));
     // A signal that lands before the loop is back in select is missed; send until it ends.
-    ASSERT_TRUE(vorn_test::Await([&] {
-        if (log.Has("got signal", "Run")) return true;
+    ASSERT_TRUE(Await([&] {
         pthread_kill(server->LoopThread(), SIGUSR1);
-        return vorn_test::Await([&] { return log.Has("got signal", "Run"); },
-                                std::chrono::milliseconds(20));
+        return Await([&] { return log.Has("got signal", "Run"); }, std::chrono::milliseconds(20));
     }));
-    // The loop has ended for good, so the server may go.
-    delete server;
+    delete server;  // the loop has ended for good
 }
 
 TEST(SocketServer, ServerWithoutSocketRefusesToStart) {
@@ -116,9 +96,7 @@ TEST(SocketServer, ServerWithoutSocketRefusesToStart) {
         log.Has("socket_local_server create fail. sockname=" + first->Name(), "InitServerSock", 4));
     EXPECT_EQ(1005, second.Start());
     EXPECT_EQ(0, second.CmdIOStart());
-    EXPECT_TRUE(log.Has("server socket fd error", "Start", 4));
 
     RecordingServer longName(std::string(300, 'n'));
-    EXPECT_TRUE(log.Has("socket name of 300 bytes cut to 255", "Processer", 4));
     EXPECT_EQ(std::string(255, 'n'), longName.Name());
 }
