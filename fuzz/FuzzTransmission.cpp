@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -63,8 +64,12 @@ std::string Drain(size_t want, std::chrono::milliseconds limit) {
                               deadline - std::chrono::steady_clock::now())
                               .count();
         pollfd p{g_peer, POLLIN, 0};
-        if (poll(&p, 1, left > 0 ? static_cast<int>(left) : 0) <= 0) break;
+        // libFuzzer's own timer signal may interrupt the wait: that is no end of the reply.
+        const int ready = poll(&p, 1, left > 0 ? static_cast<int>(left) : 0);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) break;
         const ssize_t n = recv(g_peer, buf, sizeof buf, MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         got.append(buf, static_cast<size_t>(n));
     }
