@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <climits>
 #include <string>
 
 #include "io/SFCommandParser.h"
@@ -22,8 +21,10 @@ SFRespData* MiscService::DoTestRequest(SFMessage* /*msg*/, void* /*service*/) {
 }
 
 SFRespData* MiscService::DoTIMEOUTRequest(SFMessage* /*msg*/, void* /*service*/) {
-    // Never answers: only the request timeout does.
-    for (;;) sleep(UINT_MAX);
+    // Never answers: only the request timeout does. Once the timeout has taken the request
+    // away, the thread is let go instead of sleeping for ever, so a daemon that is asked this
+    // every day does not collect sleeping threads. On a host's own thread it never returns.
+    while (!Thread::IsCurrentAbandoned()) sleep(1);
     return nullptr;
 }
 

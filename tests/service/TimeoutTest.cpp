@@ -49,6 +49,26 @@ TEST(RequestTimeout, AnswerThatArrivesAfterTheTimeoutIsNotSentTwice) {
     EXPECT_EQ(0, r.result);
 }
 
+TEST(RequestTimeout, TimeoutCommandIsAnsweredOnlyByTheTimeoutAndLeavesNoThread) {
+    EngineHarness h;
+    h.AwaitAllServicesUp();
+    const int baseline = ThreadCount();
+    ASSERT_TRUE(h.client.Send("JXT+TIMEOUT"));
+    // Its row waits 15 seconds; the test plays the monitor as soon as the handler runs.
+    SFService* misc = SFServiceManager::GetServiceManager()->GetService(MISC_SERVICE);
+    Reply r;
+    ASSERT_TRUE(Await([&] {
+        misc->HandleRequestTimeout();
+        return h.client.ReadReply(r, std::chrono::milliseconds(20));
+    }));
+    EXPECT_EQ(1002, r.result);
+    EXPECT_EQ("JXT+TIMEOUT", r.request);
+    EXPECT_TRUE(Await([&] { return ThreadCount() <= baseline; }, std::chrono::milliseconds(5000)))
+        << ThreadCount() << " threads, baseline " << baseline;
+    ASSERT_TRUE(h.Ask("JXT", r));
+    EXPECT_EQ(0, r.result);
+}
+
 TEST(RequestTimeout, ThreadsLeftBehindEndWhenTheirCallsReturn) {
     EngineHarness h;
     Reply r;
