@@ -1,6 +1,6 @@
-// The HAL behind the soak test's daemon: an echo, a function that returns the code it is given,
-// and a slow function that outlives its one-second request time-out but does come back, so that
-// the request thread the daemon abandons ends by itself.
+// The HAL behind the soak test's daemon and the transmission fuzzer: an echo, a function that
+// returns the code it is given, and a slow function that outlives its one-second request
+// time-out but does come back, so that the request thread the daemon abandons ends by itself.
 #include <chrono>
 #include <cstdlib>
 #include <string>
