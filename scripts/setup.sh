@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs every Debian package the build, the tests, the benchmark and the fuzzers need.
+# Installs every Debian package the build, the tests (pytest for the Python client's), the
+# benchmark and the fuzzers need.
 # Idempotent; run as root (or with sudo available) on Debian 12.
 set -euo pipefail
 packages=(
@@ -7,6 +8,7 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     android-libcutils-dev android-liblog-dev libcjson-dev
     clang libclang-rt-14-dev
+    python3 python3-pytest
 )
 missing=()
 for p in "${packages[@]}"; do
