@@ -1,0 +1,125 @@
+#include "JUnitReport.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+#include "Output.h"
+
+namespace vornctl {
+
+namespace {
+
+// Text for XML content and attributes. Every byte from a reply has been through Escape first,
+// so only ASCII arrives here; the line ends of our own texts become references.
+std::string Xml(const std::string& s) {
+    std::string out;
+    for (char c : s) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\n':
+                out += "&#10;";
+                break;
+            default:
+                out += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
+        }
+    }
+    return out;
+}
+
+std::string Seconds(double s) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.3f", s);
+    return buf;
+}
+
+std::string ReplyText(const StepOutcome& o) {
+    if (!o.gotReply) return "no reply";
+    return "result " + std::to_string(o.reply.result) + " (" + Meaning(o.reply.result) +
+           ")\ncommand " + Escape(o.reply.request) + "\nresponse " + Escape(o.reply.response);
+}
+
+}  // namespace
+
+std::string WriteJUnitReport(const std::string& path, const Plan& plan, int rounds,
+                             const std::vector<StepOutcome>& outcomes) {
+    int tests = 0, failures = 0, skipped = 0;
+    double total = 0;
+    for (const StepOutcome& o : outcomes) {
+        ++tests;
+        if (!o.run)
+            ++skipped;
+        else if (!o.passed)
+            ++failures;
+        total += o.seconds;
+    }
+    char stamp[32] = "";
+    const std::time_t now = std::time(nullptr);
+    std::tm tm{};
+    if (gmtime_r(&now, &tm)) std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &tm);
+
+    std::ostringstream x;
+    x << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      << "<testsuites name=\"vornctl\" tests=\"" << tests << "\" failures=\"" << failures
+      << "\" errors=\"0\" skipped=\"" << skipped << "\" time=\"" << Seconds(total) << "\">\n";
+    for (int round = 1; round <= rounds; ++round) {
+        int t = 0, f = 0, s = 0;
+        double time = 0;
+        for (const StepOutcome& o : outcomes) {
+            if (o.round != round) continue;
+            ++t;
+            if (!o.run)
+                ++s;
+            else if (!o.passed)
+                ++f;
+            time += o.seconds;
+        }
+        const std::string suite =
+            rounds > 1 ? plan.name + " (round " + std::to_string(round) + ")" : plan.name;
+        x << "  <testsuite name=\"" << Xml(suite) << "\" tests=\"" << t << "\" failures=\"" << f
+          << "\" errors=\"0\" skipped=\"" << s << "\" time=\"" << Seconds(time) << "\" timestamp=\""
+          << stamp << "\">\n";
+        for (const StepOutcome& o : outcomes) {
+            if (o.round != round) continue;
+            x << "    <testcase classname=\"" << Xml(plan.name) << "\" name=\""
+              << Xml("line " + std::to_string(o.step->line) + ": " + Escape(o.step->command))
+              << "\" time=\"" << Seconds(o.seconds) << "\"";
+            if (!o.run) {
+                x << ">\n      <skipped message=\"not run after an earlier failure\"/>\n"
+                  << "    </testcase>\n";
+                continue;
+            }
+            x << ">\n";
+            if (!o.passed)
+                x << "      <failure type=\"" << Xml(o.kind) << "\" message=\"" << Xml(o.message)
+                  << "\">" << Xml(ReplyText(o)) << "</failure>\n";
+            if (o.gotReply) x << "      <system-out>" << Xml(ReplyText(o)) << "</system-out>\n";
+            x << "    </testcase>\n";
+        }
+        x << "  </testsuite>\n";
+    }
+    x << "</testsuites>\n";
+
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out) return std::strerror(errno);
+    out << x.str();
+    out.flush();
+    if (!out) return "write failed";
+    return {};
+}
+
+}  // namespace vornctl
