@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "daemon/ChildProcess.h"
+#include "daemon/TcpRelay.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -84,6 +85,19 @@ TEST_F(Vornd, AnswersBuiltInHalAndRefusedCommands) {
     EXPECT_EQ(ctl.status, 1) << ctl.err;
     EXPECT_NE(ctl.out.find("JXT+NOSUCH\n  result   1001 (Normal error)\n"), std::string::npos)
         << ctl.out;
+}
+
+// A station reaching a device through adb forwarding: the same records over TCP.
+TEST_F(Vornd, VornctlReachesItOverATcpRelay) {
+    vorn_test::TcpRelay relay(socket);
+    ASSERT_GT(relay.port(), 0);
+    const RunResult ctl =
+        RunProgram({VORNCTL_PATH, "--tcp", "127.0.0.1:" + std::to_string(relay.port()),
+                    "JXT+GSENSOR=1", "JXT+NOSUCH"});
+    EXPECT_EQ(ctl.status, 1) << ctl.err;
+    EXPECT_EQ(ctl.out,
+              "JXT+GSENSOR=1\n  result   0 (Success)\n  response X:-0.002,Y:0.002,Z:1.000\n"
+              "JXT+NOSUCH\n  result   1001 (Normal error)\n  response 1001:Normal error\\r\\n\n");
 }
 
 TEST_F(Vornd, StopsOnSigtermWithinASecondWithStatusZero) { StopsWithinASecondOn(SIGTERM); }
