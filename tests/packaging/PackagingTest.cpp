@@ -47,7 +47,8 @@ TEST(Packaging, InstalledTreeBuildsAHostWithFindPackageAndPkgConfig) {
           prefix + "/bin/vornctl", prefix + "/include/vorn_core/vorn_core.h",
           prefix + "/include/vorn_core/platform/LogMessage.h",
           prefix + "/include/vorn_core/services/SensorService.h",
-          lib + "/cmake/vorn_core/vorn_coreConfig.cmake", lib + "/pkgconfig/vorn_core.pc"})
+          lib + "/cmake/vorn_core/vorn_coreConfig.cmake", lib + "/pkgconfig/vorn_core.pc",
+          prefix + "/" + VORN_PYTHON_DIR + "/vorn_client.py"})
         EXPECT_TRUE(Exists(f)) << f << "\n" << install.output;
 
     // find_package(vorn_core) -> vorn_core::vorn_core.
