@@ -195,10 +195,12 @@ def parse_plan(text: str) -> List[PlanStep]:
         trimmed = line.strip(" \t")
         if not trimmed or trimmed.startswith("#"):
             continue
+        # A "#" after a blank starts a comment, unless it stands after the "=>".
+        m = re.search(r"[ \t]#", line)
+        comment = m.start() + 1 if m else len(line)
         arrow = line.find("=>")
-        if arrow < 0:
-            m = re.search(r"[ \t]#", line)
-            steps.append(PlanStep(number, (line[:m.start() + 1] if m else line).strip(" \t")))
+        if arrow < 0 or arrow > comment:
+            steps.append(PlanStep(number, line[:comment].strip(" \t")))
             continue
         step = PlanStep(number, line[:arrow].strip(" \t"))
         if not step.command:

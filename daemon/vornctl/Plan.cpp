@@ -73,16 +73,18 @@ bool ParsePlanLine(const std::string& raw, PlanStep& step) {
     if (!line.empty() && line.back() == '\r') line.pop_back();  // plans written on Windows
     const std::string trimmed = Trim(line);
     if (trimmed.empty() || trimmed[0] == '#') return false;
-    const size_t arrow = line.find("=>");
-    if (arrow == std::string::npos) {
-        size_t end = line.size();
-        for (size_t k = 1; k < line.size(); ++k) {
-            if (line[k] == '#' && IsBlank(line[k - 1])) {
-                end = k;
-                break;
-            }
+    // A "#" after a blank starts a comment, unless it stands after the "=>" (a regular
+    // expression may hold one); an "=>" inside a comment is part of the comment.
+    size_t comment = line.size();
+    for (size_t k = 1; k < line.size(); ++k) {
+        if (line[k] == '#' && IsBlank(line[k - 1])) {
+            comment = k;
+            break;
         }
-        step.command = Trim(line.substr(0, end));
+    }
+    const size_t arrow = line.find("=>");
+    if (arrow == std::string::npos || arrow > comment) {
+        step.command = Trim(line.substr(0, comment));
         return true;
     }
     step.command = Trim(line.substr(0, arrow));
