@@ -81,6 +81,11 @@ def _as_text(data: bytes) -> str:
     return re.sub(r"[\x00-\x08\x0b\x0c\x0e-\x1f\x7f]", lambda m: "\\x%02x" % ord(m.group()), text)
 
 
+def _printable(text: str) -> str:
+    """A text read from a plan, with bytes that are not text shown as \\xNN, as vornctl does."""
+    return _as_text(text.encode("utf-8", "surrogateescape"))
+
+
 @dataclass(frozen=True)
 class Reply:
     result: int
@@ -134,6 +139,20 @@ def parse_reply(data: bytes) -> Tuple[Optional[Reply], bytes]:
     return reply, data[end:]
 
 
+def _known_length(data: bytearray) -> int:
+    """The length of the record that starts `data`, as far as its bytes so far tell; 0 for a
+    length no record can have (parse_reply then says so)."""
+    if len(data) < 8:
+        return 8
+    (request_length,) = struct.unpack_from("<I", data, 4)
+    if request_length > MAX_FIELD:
+        return 0
+    if len(data) < 12 + request_length:
+        return 12 + request_length
+    (response_length,) = struct.unpack_from("<I", data, 8 + request_length)
+    return 0 if response_length > MAX_FIELD else 12 + request_length + response_length
+
+
 # --- command plans ----------------------------------------------------------------------------
 
 @dataclass
@@ -179,9 +198,9 @@ def _parse_expectation(rest: str, step: PlanStep) -> str:
     else:
         return 'the regular expression has no closing "/"'
     try:
-        re.compile(pattern.encode())
+        re.compile(pattern.encode("utf-8", "surrogateescape"))
     except re.error as e:
-        return "bad regular expression /%s/: %s" % (pattern, e)
+        return "bad regular expression /%s/: %s" % (_printable(pattern), e)
     step.pattern = pattern
     return ""
 
@@ -228,7 +247,7 @@ class VornClient:
         self.tcp = tcp
         self.timeout = timeout
         self._sock: Optional[_socket.socket] = None
-        self._pending = b""
+        self._pending = bytearray()
         self._connect()
 
     def __enter__(self) -> "VornClient":
@@ -245,7 +264,7 @@ class VornClient:
 
     def _connect(self) -> None:
         self.close()
-        self._pending = b""
+        self._pending = bytearray()
         try:
             if self.tcp:
                 sock = _socket.create_connection(self.tcp, timeout=self.timeout)
@@ -306,9 +325,13 @@ class VornClient:
         except OSError as e:
             raise VornConnectionError("cannot send to vornd: %s" % (e.strerror or e)) from None
         while True:
-            reply, self._pending = parse_reply(self._pending)
-            if reply is not None:
-                return reply
+            # Decoding waits until the record's known length is there, so that a large record
+            # arriving in many pieces costs linear time.
+            if len(self._pending) >= _known_length(self._pending):
+                reply, rest = parse_reply(self._pending)
+                if reply is not None:
+                    self._pending = bytearray(rest)
+                    return reply
             left = deadline - time.monotonic()
             if left <= 0:
                 raise VornTimeout("no reply to %r within %g s%s" % (
@@ -365,8 +388,9 @@ class VornClient:
             r.kind = "result"
             r.message = "expected result %d, got %d (%s)" % (
                 step.expected_result, r.reply.result, r.reply.meaning)
-        elif step.pattern is not None and not re.search(step.pattern.encode(), r.reply.response):
+        elif step.pattern is not None and not re.search(
+                step.pattern.encode("utf-8", "surrogateescape"), r.reply.response):
             r.kind = "response"
-            r.message = "response does not match /%s/" % step.pattern
+            r.message = "response does not match /%s/" % _printable(step.pattern)
         else:
             r.passed = True

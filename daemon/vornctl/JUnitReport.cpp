@@ -13,11 +13,13 @@ namespace vornctl {
 
 namespace {
 
-// Text for XML content and attributes. Every byte from a reply has been through Escape first,
-// so only ASCII arrives here; the line ends of our own texts become references.
+// Text for XML content and attributes. Bytes from a reply have been through Escape already;
+// what comes from the plan file (a pattern) may hold anything, so bytes that are not valid
+// UTF-8 and control characters become "?", and the report always parses.
 std::string Xml(const std::string& s) {
     std::string out;
-    for (char c : s) {
+    for (size_t i = 0; i < s.size(); ++i) {
+        const char c = s[i];
         switch (c) {
             case '&':
                 out += "&amp;";
@@ -35,7 +37,17 @@ std::string Xml(const std::string& s) {
                 out += "&#10;";
                 break;
             default:
-                out += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
+                if (static_cast<unsigned char>(c) >= 0x80) {
+                    const size_t n = Utf8Length(s, i);
+                    if (n == 0) {
+                        out += '?';
+                    } else {
+                        out.append(s, i, n);
+                        i += n - 1;
+                    }
+                } else {
+                    out += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
+                }
         }
     }
     return out;

@@ -5,9 +5,6 @@
 
 namespace vornctl {
 
-namespace {
-
-// Length of the valid UTF-8 sequence starting at s[i], or 0 when it is not one.
 size_t Utf8Length(const std::string& s, size_t i) {
     const auto b = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
     const unsigned char c = b(i);
@@ -37,8 +34,6 @@ size_t Utf8Length(const std::string& s, size_t i) {
     return n;
 }
 
-}  // namespace
-
 std::string Escape(const std::string& bytes) {
     std::string out;
     char buf[8];
@@ -63,6 +58,24 @@ std::string Escape(const std::string& bytes) {
                     std::snprintf(buf, sizeof buf, "\\x%02x", c);
                     out += buf;
                 }
+        }
+    }
+    return out;
+}
+
+std::string Printable(const std::string& s) {
+    std::string out;
+    char buf[8];
+    for (size_t i = 0; i < s.size();) {
+        const unsigned char c = static_cast<unsigned char>(s[i]);
+        const size_t n = c >= 0x80 ? Utf8Length(s, i) : (c >= 0x20 && c != 0x7f ? 1 : 0);
+        if (n > 0) {
+            out.append(s, i, n);
+            i += n;
+        } else {
+            std::snprintf(buf, sizeof buf, "\\x%02x", c);
+            out += buf;
+            ++i;
         }
     }
     return out;

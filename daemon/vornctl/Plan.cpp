@@ -6,6 +6,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "Output.h"
+
 namespace vornctl {
 
 namespace {
@@ -60,7 +62,7 @@ std::string ParseExpectation(const std::string& rest, PlanStep& step) {
     try {
         step.regex = std::regex(step.pattern, std::regex::ECMAScript);
     } catch (const std::regex_error& e) {
-        return "bad regular expression /" + step.pattern + "/: " + e.what();
+        return "bad regular expression /" + Printable(step.pattern) + "/: " + e.what();
     }
     step.hasPattern = true;
     return {};

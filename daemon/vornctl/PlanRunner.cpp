@@ -46,12 +46,12 @@ void Judge(const PlanStep& step, StepOutcome& o) {
             found = std::regex_search(r.response, step.regex);
         } catch (const std::regex_error& e) {
             o.kind = "response";
-            o.message = "regular expression /" + step.pattern + "/ failed: " + e.what();
+            o.message = "regular expression /" + Printable(step.pattern) + "/ failed: " + e.what();
             return;
         }
         if (!found) {
             o.kind = "response";
-            o.message = "response does not match /" + step.pattern + "/";
+            o.message = "response does not match /" + Printable(step.pattern) + "/";
             return;
         }
     }

@@ -198,13 +198,15 @@ JXT+GYRO=1 => 1002
 JXT+GSENSOR=1 => zero
 JXT+GSENSOR=1 => 0 /(/
 """
+# A pattern byte that is not text must not spoil the report.
+PLAN_BYTES = PLAN.encode() + b"JXT => 0 /\xff</\n"
 VERDICTS = [(2, True), (3, True), (4, True), (5, False), (6, False), (7, True), (8, False),
-            (9, False)]
+            (9, False), (10, False)]
 
 
 def test_plan_with_junit_report_and_the_same_verdicts_from_python(daemon, tmp_path):
     plan = tmp_path / "station.plan"
-    plan.write_text(PLAN)
+    plan.write_bytes(PLAN_BYTES)
     junit = tmp_path / "report.xml"
     run = subprocess.run([VORNCTL, "-s", daemon, "--timeout=5", "--plan", str(plan),
                           "--junit", str(junit)], capture_output=True, text=True, timeout=60)
@@ -212,11 +214,11 @@ def test_plan_with_junit_report_and_the_same_verdicts_from_python(daemon, tmp_pa
     lines = run.stdout.splitlines()
     assert [(l.startswith("PASS"), l.split()[2]) for l in lines if l[:4] in ("PASS", "FAIL")] \
         == [(ok, str(n)) for n, ok in VERDICTS]
-    assert lines[-1].startswith("vornctl: 8 steps: 4 passed, 4 failed")
+    assert lines[-1].startswith("vornctl: 9 steps: 4 passed, 5 failed")
 
     suite = ET.parse(junit).getroot().find("testsuite")
     assert (suite.get("name"), suite.get("tests"), suite.get("failures"), suite.get("skipped")) \
-        == ("station", "8", "4", "0")
+        == ("station", "9", "5", "0")
     cases = suite.findall("testcase")
     assert [c.get("name") for c in cases][:2] == ["line 2: JXT", "line 3: JXT+MEMORY"]
     failures = {c.get("name"): c.find("failure") for c in cases if c.find("failure") is not None}
@@ -226,6 +228,7 @@ def test_plan_with_junit_report_and_the_same_verdicts_from_python(daemon, tmp_pa
         "expected result 0, got 1001 (Normal error)"
     assert failures["line 8: JXT+GSENSOR=1"].get("type") == "malformed"
     assert "bad regular expression" in failures["line 9: JXT+GSENSOR=1"].get("message")
+    assert failures["line 10: JXT"].get("message") == r"response does not match /\xff</"
     assert all(float(c.get("time")) >= 0 for c in cases)
 
     # --json: one object a step; --stop-on-failure leaves the rest out, in every round.
@@ -237,7 +240,7 @@ def test_plan_with_junit_report_and_the_same_verdicts_from_python(daemon, tmp_pa
     assert [(s["line"], s["passed"]) for s in steps] == VERDICTS[:4]
     assert steps[3]["response"] == "X:-0.002,Y:0.002,Z:1.000"
     root = ET.parse(junit).getroot()
-    assert (root.get("tests"), root.get("failures"), root.get("skipped")) == ("16", "1", "12")
+    assert (root.get("tests"), root.get("failures"), root.get("skipped")) == ("18", "1", "14")
 
     with VornClient(socket=daemon, timeout=5) as vorn:
         results = vorn.run_plan(str(plan))
