@@ -43,7 +43,8 @@ else:
         "Where cmake --install puts the Python client, relative to the prefix")
 endif()
 
-if(NOT DEFINED VORN_PYTEST_PYTHON)
+# Probed again while empty, so that installing pytest later needs no fresh build folder.
+if(NOT VORN_PYTEST_PYTHON)
     set(_with_pytest "")
     foreach(_python IN LISTS _vorn_pythons)
         execute_process(COMMAND ${_python} -c "import pytest"
@@ -54,5 +55,5 @@ if(NOT DEFINED VORN_PYTEST_PYTHON)
         endif()
     endforeach()
     set(VORN_PYTEST_PYTHON "${_with_pytest}" CACHE FILEPATH
-        "Python interpreter with pytest for the Python client's tests (empty: skip them)")
+        "Python interpreter with pytest for the Python client's tests (empty: skip them)" FORCE)
 endif()

@@ -53,8 +53,10 @@ def daemon(tmp_path_factory):
         "modem": {"support": False}}))
     name = unique("vornd")
     env = dict(os.environ, VORN_HAL_IIO_ROOT=str(tmp / "iio"))
-    proc = subprocess.Popen([VORND, "--socket", name, "--config", str(config)], env=env,
-                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    log = tmp / "vornd.log"   # a file, not a pipe nobody reads while the tests run
+    with open(log, "wb") as err:
+        proc = subprocess.Popen([VORND, "--socket", name, "--config", str(config)], env=env,
+                                stdout=subprocess.DEVNULL, stderr=err)
 
     def answers():
         try:
@@ -68,7 +70,9 @@ def daemon(tmp_path_factory):
         yield name
     finally:
         proc.terminate()
-        proc.communicate(timeout=5)
+        proc.wait(timeout=5)
+        # A fault in the daemon (a sanitizer's report among them) shows in its exit status.
+        assert proc.returncode == 0, log.read_text(errors="replace")[-4000:]
 
 
 class StandIn:
