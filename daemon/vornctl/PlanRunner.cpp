@@ -126,8 +126,10 @@ int RunPlan(const Plan& plan, const Options& opt) {
         return kExitNoAnswer;
     }
 
+    // Every outcome is kept only for a report: a plan repeated all night keeps counters.
+    const bool keep = !opt.junitPath.empty();
     std::vector<StepOutcome> outcomes;
-    outcomes.reserve(plan.steps.size() * static_cast<size_t>(opt.repeat));
+    size_t passed = 0, failed = 0, notRun = 0;
     Progress progress;
     bool stopped = false, unreachable = false;
     const auto runStart = Clock::now();
@@ -137,7 +139,8 @@ int RunPlan(const Plan& plan, const Options& opt) {
             o.step = &step;
             o.round = round;
             if (stopped) {
-                outcomes.push_back(o);
+                ++notRun;
+                if (keep) outcomes.push_back(o);
                 continue;
             }
             o.run = true;
@@ -188,23 +191,16 @@ int RunPlan(const Plan& plan, const Options& opt) {
                 PrintJson(o);
             else
                 PrintText(o, opt.repeat);
-            outcomes.push_back(o);
+            ++(o.passed ? passed : failed);
+            if (keep) outcomes.push_back(o);
             if (unreachable || (!o.passed && opt.stopOnFailure)) stopped = true;
         }
     }
 
-    int passed = 0, failed = 0, notRun = 0;
-    for (const StepOutcome& o : outcomes) {
-        if (!o.run)
-            ++notRun;
-        else if (o.passed)
-            ++passed;
-        else
-            ++failed;
-    }
     std::ostream& summary = opt.format == kJson ? std::cerr : std::cout;
-    summary << "vornctl: " << outcomes.size() << (outcomes.size() == 1 ? " step" : " steps") << ": "
-            << passed << " passed, " << failed << " failed";
+    const size_t steps = passed + failed + notRun;
+    summary << "vornctl: " << steps << (steps == 1 ? " step" : " steps") << ": " << passed
+            << " passed, " << failed << " failed";
     if (notRun > 0) summary << ", " << notRun << " not run";
     summary << " (" << Fixed(SecondsSince(runStart)) << " s)\n";
     summary.flush();
