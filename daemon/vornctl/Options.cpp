@@ -147,7 +147,7 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
             ++i;
             break;
         }
-        // Commands never start with "-" (and one that does can follow "--").
+        // Commands never start with "--" (and one that does can follow "--").
         if (a.size() < 2 || a[0] != '-') {
             opt.commands.push_back(a);
             continue;
@@ -167,6 +167,11 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
         } else {
             for (const OptionSpec& o : kOptions)
                 if (o.shortName == a[1]) spec = &o;
+            // Anything else with one dash is a command, as it always was ("-5").
+            if (!spec) {
+                opt.commands.push_back(a);
+                continue;
+            }
             if (a.size() > 2) {  // -t5
                 value = a.substr(2);
                 hasValue = true;
