@@ -26,7 +26,7 @@ import re
 import socket as _socket
 import struct
 import time
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from typing import List, Optional, Tuple, Union
 
 __all__ = [
