@@ -10,6 +10,7 @@ import codecs
 import json
 import os
 import socket
+import struct
 import subprocess
 import threading
 import time
@@ -110,7 +111,6 @@ class StandIn:
 
 
 def record(result, command, response):
-    import struct
     return (struct.pack("<iI", result, len(command)) + command
             + struct.pack("<I", len(response)) + response)
 
