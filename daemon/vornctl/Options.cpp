@@ -114,8 +114,8 @@ void Usage(std::ostream& out) {
            "       vornctl [OPTION]... --plan FILE [--junit PATH]\n"
            "Sends each COMMAND to vornd and prints the decoded reply.\n"
            "With no COMMAND and no plan, commands are read from standard input, one a line.\n"
-           "Options may stand anywhere, as --opt VALUE or --opt=VALUE; arguments after \"--\"\n"
-           "are all commands.\n"
+           "Options may stand anywhere; a value follows its option or is joined to it with\n"
+           "\"=\" (--timeout=5); arguments after \"--\" are all commands.\n"
            "\n";
     for (const OptionSpec& o : kOptions) {
         std::string left = o.shortName ? std::string("-") + o.shortName + ", " : "    ";
