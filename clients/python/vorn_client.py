@@ -365,25 +365,34 @@ class VornClient:
                     results.append(r)
                     continue
                 start = time.monotonic()
+                unreachable = False
                 if step.malformed:
                     r.kind, r.message = "malformed", "malformed plan line: " + step.malformed
                 else:
-                    self._run_step(step, r)
+                    unreachable = self._run_step(step, r)
                 r.seconds = time.monotonic() - start
                 results.append(r)
-                if not r.passed and stop_on_failure:
+                # As vornctl does: a daemon that cannot be reached ends the run.
+                if unreachable or (not r.passed and stop_on_failure):
                     stopped = True
         return results
 
-    def _run_step(self, step: PlanStep, r: StepResult) -> None:
+    def _run_step(self, step: PlanStep, r: StepResult) -> bool:
+        """Runs one step into `r`; True when vornd could not be reached at all."""
+        if self._sock is None:
+            try:
+                self._connect()
+            except VornError as e:
+                r.kind, r.message = "connection", str(e)
+                return True
         try:
             r.reply = self.send(step.command.encode("utf-8", errors="surrogateescape"))
         except VornTimeout as e:
             r.kind, r.message = "timeout", str(e)
-            return
+            return False
         except VornError as e:
             r.kind, r.message = "connection", str(e)
-            return
+            return False
         if r.reply.result != step.expected_result:
             r.kind = "result"
             r.message = "expected result %d, got %d (%s)" % (
@@ -394,3 +403,4 @@ class VornClient:
             r.message = "response does not match /%s/" % _printable(step.pattern)
         else:
             r.passed = True
+        return False
