@@ -1,13 +1,18 @@
 #include "io/CmdIOService.h"
 
+#include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "core/ErrorCode.h"
 #include "io/Formatter.h"
+#include "io/FrontEndState.h"
 #include "platform/LogMessage.h"
 #include "platform/TextUtils.h"
 
@@ -20,6 +25,24 @@ std::mutex g_stagingLock;
 std::recursive_mutex g_callbackLock;
 
 const size_t kErrTextSize = 256;
+const size_t kQuotedCommand = 64;  // bytes of the command quoted when a reply is dropped
+
+// One line for a reply that cannot be delivered, quoting the first bytes of the command it
+// answers (a reply record carries the command after its result and length).
+void LogDroppedReply(unsigned char const* data, size_t length, size_t written,
+                     const std::string& why) {
+    const char* text = reinterpret_cast<const char*>(data);
+    size_t shown = length;
+    uint32_t requestLength = 0;
+    if (length >= 8) {
+        memcpy(&requestLength, data + 4, sizeof requestLength);
+        text += 8;
+        shown = std::min<size_t>(requestLength, length - 8);
+    }
+    LogMessage(3, "VORN", "HandleResponse").stream()
+        << "reply to command(" << EscapedText{text, shown, kQuotedCommand} << ") dropped, "
+        << written << " of " << length << " bytes written: " << why;
+}
 }  // namespace
 
 CmdIOService::CmdIOService(char const* socketName)
@@ -59,21 +82,71 @@ int CmdIOService::InternalBufferedFlush(char const* command, int length) {
     return m_pCallback(command, length, m_pCallbackContext);
 }
 
-// One send, no retry: MSG_DONTWAIT so that a client that never reads cannot stall the thread
-// that answers, MSG_NOSIGNAL so that a vanished one cannot raise SIGPIPE. A slot that went -1,
-// or holds a descriptor no longer served, drops the reply.
+// A client that reads a little late still gets its reply: when its buffer is full the reply
+// waits for room, for a second at most in all, so that a client that never reads cannot stall
+// the thread that answers for longer. Each send is non-blocking (MSG_DONTWAIT) and raises no
+// SIGPIPE (MSG_NOSIGNAL), and happens under the lock with which the loop lets clients go, so
+// the number stays the client's while it is used; the wait for room happens outside the lock,
+// and the slot's generation tells afterwards whether the client is still the same. A reply that
+// cannot be delivered is dropped with one line. Result: the bytes written, or -1 with errno
+// when none could be.
 int CmdIOService::HandleResponse(unsigned char const* data, int length, void* client) {
     if (client == nullptr || length < 0) return 0;
-    // The loop closes client descriptors under the same lock: the number read here stays the
-    // client's until the send is done.
+    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    auto* slot = static_cast<std::atomic<int>*>(client);
+    int index = -1;
+    for (int i = 0; i < kMaxClients; ++i)
+        if (slot == &m_nClientFds[i]) index = i;
+    const int waitMs = state ? state->replyWaitMs.load() : 1000;
+    const int64_t deadline = FrontEndState::NowMs() + waitMs;
+    const size_t total = static_cast<size_t>(length);
+    size_t done = 0;
+
     pthread_mutex_lock(&m_mutex);
-    int fd = *static_cast<std::atomic<int>*>(client);
-    int rc = 0;
-    if (IsValidFD(fd))
-        rc = static_cast<int>(
-            send(fd, data, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT));
-    pthread_mutex_unlock(&m_mutex);
-    return rc;
+    const int fd = *slot;
+    const uint32_t generation = (state && index >= 0) ? state->generation[index].load() : 0;
+    if (!IsValidFD(fd)) {
+        pthread_mutex_unlock(&m_mutex);
+        LogDroppedReply(data, total, 0, "the client is gone");
+        return 0;
+    }
+    for (;;) {
+        const ssize_t n = send(fd, data + done, total - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const int error = errno;
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            if (state && index >= 0) state->lastActivityMs[index] = FrontEndState::NowMs();
+        }
+        if (done == total) {
+            pthread_mutex_unlock(&m_mutex);
+            return static_cast<int>(done);
+        }
+        const bool full = n >= 0 || error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+        const int64_t left = deadline - FrontEndState::NowMs();
+        if (!full || left <= 0) {
+            // Half a record would leave the client waiting for the rest: its connection is
+            // shut, and the loop lets it go when it reads the end.
+            if (done > 0) shutdown(fd, SHUT_RDWR);
+            pthread_mutex_unlock(&m_mutex);
+            LogDroppedReply(data, total, done,
+                            full ? "no room within " + std::to_string(waitMs) + " ms"
+                                 : std::string(strerror(error)));
+            if (done > 0) return static_cast<int>(done);
+            errno = full ? EAGAIN : error;
+            return -1;
+        }
+        pthread_mutex_unlock(&m_mutex);
+        pollfd room{fd, POLLOUT, 0};
+        poll(&room, 1, static_cast<int>(left));
+        pthread_mutex_lock(&m_mutex);
+        const bool same = *slot == fd && IsValidFD(fd) &&
+                          (!state || index < 0 || state->generation[index] == generation);
+        if (!same) {
+            pthread_mutex_unlock(&m_mutex);
+            LogDroppedReply(data, total, done, "the client is gone or its slot was reused");
+            return done > 0 ? static_cast<int>(done) : 0;
+        }
+    }
 }
 
 // A record longer than the staging record is refused, not cut: a cut record would leave the
