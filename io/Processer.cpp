@@ -70,8 +70,8 @@ const int64_t kBurstReportMs = 5000;
 void ReportAcceptFailures(FrontEndState& state, int64_t now, bool ended) {
     if (state.unreported > 0) {
         LogMessage(4, "VORN", "AcceptConnection").stream()
-            << "accept failed " << state.unreported << " more times (" << strerror(state.lastError)
-            << ") in " << (now - state.lastReportMs) << " ms; "
+            << "accept failures since the last report: " << state.unreported << " ("
+            << strerror(state.lastError) << ") in " << (now - state.lastReportMs) << " ms; "
             << (ended ? "accepting again" : "still backing off");
     }
     state.unreported = 0;
