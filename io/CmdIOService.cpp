@@ -17,8 +17,10 @@
 #include "platform/TextUtils.h"
 
 namespace {
-// Guards the staging record and the write that follows, so that replies sent at the same moment
-// from different threads never mix inside it. One command I/O service per process.
+// Guards the staging record, so that replies sent at the same moment from different threads
+// never mix inside it. One command I/O service per process. The write itself happens after it
+// is released, under the client's own write lock, so a client that reads late holds up only
+// replies to itself.
 std::mutex g_stagingLock;
 // Guards the callback and its context, and is held while the callback runs, so that a host
 // that replaces or removes the callback knows no call into the old one is still under way.
@@ -31,6 +33,7 @@ const size_t kQuotedCommand = 64;  // bytes of the command quoted when a reply i
 // answers (a reply record carries the command after its result and length).
 void LogDroppedReply(unsigned char const* data, size_t length, size_t written,
                      const std::string& why) {
+    if (length == 0) return;  // an empty reply loses nothing
     const char* text = reinterpret_cast<const char*>(data);
     size_t shown = length;
     uint32_t requestLength = 0;
@@ -83,8 +86,9 @@ int CmdIOService::InternalBufferedFlush(char const* command, int length) {
 }
 
 // A client that reads a little late still gets its reply: when its buffer is full the reply
-// waits for room, for a second at most in all, so that a client that never reads cannot stall
-// the thread that answers for longer. Each send is non-blocking (MSG_DONTWAIT) and raises no
+// waits for room, for a second at most in all (a wait behind an earlier reply to the same
+// client included), so that a client that never reads cannot stall the thread that answers,
+// the loop thread among them, for longer. Each send is non-blocking (MSG_DONTWAIT) and raises no
 // SIGPIPE (MSG_NOSIGNAL), and happens under the lock with which the loop lets clients go, so
 // the number stays the client's while it is used; the wait for room happens outside the lock,
 // and the slot's generation tells afterwards whether the client is still the same. A reply that
@@ -98,9 +102,20 @@ int CmdIOService::HandleResponse(unsigned char const* data, int length, void* cl
     for (int i = 0; i < kMaxClients; ++i)
         if (slot == &m_nClientFds[i]) index = i;
     const int waitMs = state ? state->replyWaitMs.load() : 1000;
-    const int64_t deadline = FrontEndState::NowMs() + waitMs;
+    const auto deadline = FrontEndState::Clock::now() + std::chrono::milliseconds(waitMs);
     const size_t total = static_cast<size_t>(length);
     size_t done = 0;
+
+    std::unique_lock<std::timed_mutex> turn;
+    if (state) {
+        turn = std::unique_lock<std::timed_mutex>(
+            state->writeLock[index >= 0 ? index : kMaxClients], std::defer_lock);
+        if (!turn.try_lock_until(deadline)) {
+            LogDroppedReply(data, total, 0, "an earlier reply to the client still waits for room");
+            errno = EAGAIN;
+            return -1;
+        }
+    }
 
     pthread_mutex_lock(&m_mutex);
     const int fd = *slot;
@@ -122,7 +137,9 @@ int CmdIOService::HandleResponse(unsigned char const* data, int length, void* cl
             return static_cast<int>(done);
         }
         const bool full = n >= 0 || error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-        const int64_t left = deadline - FrontEndState::NowMs();
+        const int64_t left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 deadline - FrontEndState::Clock::now())
+                                 .count();
         if (!full || left <= 0) {
             // Half a record would leave the client waiting for the rest: its connection is
             // shut, and the loop lets it go when it reads the end.
@@ -159,11 +176,14 @@ int CmdIOService::SendResponse(int /*code*/, char const* data, unsigned int leng
         return ERR_OUT_OF_RANGE;
     }
     if (data == nullptr && length != 0) return ERR_INVALID_PARAM;
-    std::lock_guard<std::mutex> lock(g_stagingLock);
-    m_pStaging->length = length;
-    if (length != 0) memcpy(m_pStaging->data, data, length);
-    HandleResponse(reinterpret_cast<unsigned char const*>(m_pStaging->data),
-                   static_cast<int>(m_pStaging->length), m_pReplyTarget.load());
+    {
+        std::lock_guard<std::mutex> lock(g_stagingLock);
+        m_pStaging->length = length;
+        if (length != 0) memcpy(m_pStaging->data, data, length);
+    }
+    // The caller's bytes are those of the staging record and stay valid for the call.
+    HandleResponse(reinterpret_cast<unsigned char const*>(length != 0 ? data : m_pStaging->data),
+                   static_cast<int>(length), m_pReplyTarget.load());
     return 0;
 }
 
@@ -197,10 +217,12 @@ void CmdIOService::ErrorResponse(char const* request, unsigned int requestLength
             << ")";
         return;
     }
-    std::lock_guard<std::mutex> lock(g_stagingLock);
-    memset(m_pStaging, 0, sizeof *m_pStaging);
-    m_pStaging->length = static_cast<uint32_t>(outputLength);
-    if (outputLength > 0) memcpy(m_pStaging->data, output, static_cast<size_t>(outputLength));
-    HandleResponse(reinterpret_cast<unsigned char const*>(m_pStaging->data),
-                   static_cast<int>(m_pStaging->length), m_pReplyTarget.load());
+    {
+        std::lock_guard<std::mutex> lock(g_stagingLock);
+        memset(m_pStaging, 0, sizeof *m_pStaging);
+        m_pStaging->length = static_cast<uint32_t>(outputLength);
+        if (outputLength > 0) memcpy(m_pStaging->data, output, static_cast<size_t>(outputLength));
+    }
+    HandleResponse(outputLength > 0 ? output : reinterpret_cast<unsigned char*>(m_pStaging->data),
+                   outputLength, m_pReplyTarget.load());
 }

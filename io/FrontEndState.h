@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "io/Processer.h"
@@ -42,6 +43,9 @@ public:
     // thread that answers on a reply.
     std::atomic<uint32_t> generation[Processer::kMaxClients] = {};
     std::atomic<int64_t> lastActivityMs[Processer::kMaxClients] = {};
+    // One reply at a time to a client, whole, so that records never interleave; the last lock
+    // serves replies to an address outside the slot table. Taken with the reply's deadline.
+    std::timed_mutex writeLock[Processer::kMaxClients + 1];
 
     // The loop thread's own: the slot values it saw last, the connections beyond the slots
     // (descriptor and accept time), and the accept back-off.

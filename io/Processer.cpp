@@ -424,7 +424,7 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
         EndAcceptBurst(state);
 
     now = FrontEndState::NowMs();
-    std::vector<FrontEndState::Waiting> kept;
+    size_t kept = 0;
     for (size_t j = 0; j < state.waiting.size(); ++j) {
         const FrontEndState::Waiting w = state.waiting[j];
         const short events = polled[inputs + j].revents;
@@ -439,10 +439,10 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
                 << "idle waiting client closed after " << state.idleSeconds << " s: fd=" << w.fd;
             close(w.fd);
         } else {
-            kept.push_back(w);
+            state.waiting[kept++] = w;
         }
     }
-    state.waiting.swap(kept);
+    state.waiting.resize(kept);
 
     if (idleMs > 0) {
         for (int i = 0; i < kMaxClients; ++i) {
