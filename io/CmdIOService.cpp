@@ -46,6 +46,17 @@ void LogDroppedReply(unsigned char const* data, size_t length, size_t written,
         << "reply to command(" << EscapedText{text, shown, kQuotedCommand} << ") dropped, "
         << written << " of " << length << " bytes written: " << why;
 }
+// A client's write turn, given back on every way out of the reply; errno is kept for the caller.
+struct TurnHolder {
+    FrontEndState* state;
+    int turn;
+    ~TurnHolder() {
+        if (state == nullptr) return;
+        const int error = errno;
+        state->GiveWriteTurn(turn);
+        errno = error;
+    }
+};
 }  // namespace
 
 CmdIOService::CmdIOService(char const* socketName)
@@ -106,16 +117,13 @@ int CmdIOService::HandleResponse(unsigned char const* data, int length, void* cl
     const size_t total = static_cast<size_t>(length);
     size_t done = 0;
 
-    std::unique_lock<std::timed_mutex> turn;
-    if (state) {
-        turn = std::unique_lock<std::timed_mutex>(
-            state->writeLock[index >= 0 ? index : kMaxClients], std::defer_lock);
-        if (!turn.try_lock_until(deadline)) {
-            LogDroppedReply(data, total, 0, "an earlier reply to the client still waits for room");
-            errno = EAGAIN;
-            return -1;
-        }
+    const int turn = index >= 0 ? index : FrontEndState::kOtherTurn;
+    if (state && !state->TakeWriteTurn(turn, deadline)) {
+        LogDroppedReply(data, total, 0, "an earlier reply to the client still waits for room");
+        errno = EAGAIN;
+        return -1;
     }
+    const TurnHolder held{state.get(), turn};
 
     pthread_mutex_lock(&m_mutex);
     const int fd = *slot;

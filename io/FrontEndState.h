@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -43,9 +44,23 @@ public:
     // thread that answers on a reply.
     std::atomic<uint32_t> generation[Processer::kMaxClients] = {};
     std::atomic<int64_t> lastActivityMs[Processer::kMaxClients] = {};
-    // One reply at a time to a client, whole, so that records never interleave; the last lock
-    // serves replies to an address outside the slot table. Taken with the reply's deadline.
-    std::timed_mutex writeLock[Processer::kMaxClients + 1];
+    // One reply at a time to a client, whole, so that records never interleave. A turn is
+    // awaited until the reply's deadline; the last one serves replies to an address outside
+    // the slot table.
+    bool TakeWriteTurn(int index, Clock::time_point deadline) {
+        std::unique_lock<std::mutex> lock(m_turnLock);
+        if (!m_turnFree.wait_until(lock, deadline, [&] { return !m_writing[index]; })) return false;
+        m_writing[index] = true;
+        return true;
+    }
+    void GiveWriteTurn(int index) {
+        {
+            std::lock_guard<std::mutex> lock(m_turnLock);
+            m_writing[index] = false;
+        }
+        m_turnFree.notify_all();
+    }
+    static const int kOtherTurn = Processer::kMaxClients;
 
     // The loop thread's own: the slot values it saw last, the connections beyond the slots
     // (descriptor and accept time), and the accept back-off.
@@ -63,6 +78,11 @@ public:
     int64_t lastReportMs = 0;
     long unreported = 0;  // failures since the burst's last log line
     int lastError = 0;
+
+private:
+    std::mutex m_turnLock;  // guards m_writing
+    std::condition_variable m_turnFree;
+    bool m_writing[Processer::kMaxClients + 1] = {};
 };
 
 #endif
