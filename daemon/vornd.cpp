@@ -16,9 +16,13 @@
 // destructors (the vendor-command table among them) are deliberately not run.
 
 #include <errno.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +32,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "vorn_core.h"
 
@@ -38,12 +43,17 @@ struct Options {
     std::string configPath;
     int logLevel = 3;  // warnings and errors: the per-command trace stays off the hot path
     bool printConfig = false;
+    int idleTimeout = 0;  // seconds; 0 keeps idle clients for good
+    // Peers allowed to connect; both empty: everyone.
+    std::vector<uid_t> allowUids;
+    std::vector<gid_t> allowGids;
 };
 
 const char kBuiltInConfig[] = "/vendor/etc/vorn.json";
 
 void Usage(std::ostream& out) {
     out << "Usage: vornd [--socket NAME] [--config PATH] [--log-level 1-4] [--print-config]\n"
+           "             [--idle-timeout SEC] [--allow-uid LIST] [--allow-gid LIST]\n"
            "Serves device commands on the abstract local socket NAME.\n"
            "\n"
            "  --socket NAME     abstract socket name (default \"vorn\")\n"
@@ -52,9 +62,53 @@ void Usage(std::ostream& out) {
         << "\n"
            "  --log-level N     1 trace, 2 milestones, 3 warnings (default), 4 errors\n"
            "  --print-config    print the merged configuration and exit\n"
+           "  --idle-timeout N  close a client silent for N seconds (0, the default: never;\n"
+           "                    no less than the longest request timeout)\n"
+           "  --allow-uid LIST  only peers with one of these user ids or names may connect\n"
+           "  --allow-gid LIST  only peers with one of these group ids or names may connect\n"
            "  --help            this text\n"
            "\n"
            "SIGTERM or SIGINT stops the daemon (exit status 0).\n";
+}
+
+// One entry of --allow-uid (user) or --allow-gid (group): a number or a name.
+bool ParseId(bool user, const std::string& item, unsigned& id) {
+    if (item.empty()) return false;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long number = strtoul(item.c_str(), &end, 10);
+    if (*end == '\0' && errno == 0 && item[0] != '-' && number <= 0xfffffffeul) {
+        id = static_cast<unsigned>(number);
+        return true;
+    }
+    if (user) {
+        const passwd* pw = getpwnam(item.c_str());
+        if (pw) id = pw->pw_uid;
+        return pw != nullptr;
+    }
+    const group* gr = getgrnam(item.c_str());
+    if (gr) id = gr->gr_gid;
+    return gr != nullptr;
+}
+
+// A comma-separated list; false (after a message) on an entry that is no number and no name.
+template <typename Id>
+bool ParseIds(const std::string& option, const std::string& list, std::vector<Id>& ids) {
+    const bool user = option == "--allow-uid";
+    size_t start = 0;
+    for (;;) {
+        const size_t comma = list.find(',', start);
+        const std::string item = list.substr(start, comma - start);
+        unsigned id = 0;
+        if (!ParseId(user, item, id)) {
+            std::cerr << "vornd: " << option << ": \"" << item << "\" is no "
+                      << (user ? "user" : "group") << " id or name\n";
+            return false;
+        }
+        ids.push_back(static_cast<Id>(id));
+        if (comma == std::string::npos) return true;
+        start = comma + 1;
+    }
 }
 
 // 0 to go on, otherwise the exit status (help leaves with 0 through `done`).
@@ -71,7 +125,8 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
             opt.printConfig = true;
             continue;
         }
-        if (a == "--socket" || a == "--config" || a == "--log-level") {
+        if (a == "--socket" || a == "--config" || a == "--log-level" || a == "--idle-timeout" ||
+            a == "--allow-uid" || a == "--allow-gid") {
             if (i + 1 >= argc) {
                 std::cerr << "vornd: " << a << " needs a value\n";
                 return 2;
@@ -86,6 +141,19 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
                 opt.socketName = v;
             } else if (a == "--config") {
                 opt.configPath = v;
+            } else if (a == "--idle-timeout") {
+                char* end = nullptr;
+                const long seconds = strtol(v.c_str(), &end, 10);
+                if (v.empty() || *end != '\0' || seconds < 0 || seconds > 86400) {
+                    std::cerr << "vornd: --idle-timeout takes 0 to 86400 seconds, not \"" << v
+                              << "\"\n";
+                    return 2;
+                }
+                opt.idleTimeout = static_cast<int>(seconds);
+            } else if (a == "--allow-uid") {
+                if (!ParseIds(a, v, opt.allowUids)) return 2;
+            } else if (a == "--allow-gid") {
+                if (!ParseIds(a, v, opt.allowGids)) return 2;
             } else {
                 if (v.size() != 1 || v[0] < '1' || v[0] > '4') {
                     std::cerr << "vornd: --log-level takes 1, 2, 3 or 4, not \"" << v << "\"\n";
@@ -101,12 +169,34 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
     return 0;
 }
 
-// The daemon's command I/O service. It adds two things the daemon needs from the outside:
-// whether the listening socket could be opened, and a gate that stops commands from reaching
-// the routing layer once shutdown has begun.
+// The daemon's command I/O service. It adds three things the daemon needs from the outside:
+// whether the listening socket could be opened, a gate that stops commands from reaching the
+// routing layer once shutdown has begun, and the peer check of --allow-uid and --allow-gid.
 class DaemonCmdIO : public CmdIOService {
 public:
-    explicit DaemonCmdIO(const char* name) : CmdIOService(name) {}
+    DaemonCmdIO(const char* name, const Options& opt)
+        : CmdIOService(name), m_allowUids(opt.allowUids), m_allowGids(opt.allowGids) {}
+
+    // A peer that matches neither list never reaches a slot: the negative result makes
+    // AcceptConnection close it at once.
+    int AddClient(int fd) override {
+        if (m_allowUids.empty() && m_allowGids.empty()) return CmdIOService::AddClient(fd);
+        ucred peer{};
+        socklen_t size = sizeof peer;
+        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+            LogMessage(4, "VORN", "AddClient").stream()
+                << "peer credentials unreadable (" << strerror(errno) << "): fd=" << fd;
+            return -1;
+        }
+        const auto has = [](const auto& ids, auto id) {
+            return std::find(ids.begin(), ids.end(), id) != ids.end();
+        };
+        if (has(m_allowUids, peer.uid) || has(m_allowGids, peer.gid))
+            return CmdIOService::AddClient(fd);
+        LogMessage(4, "VORN", "AddClient").stream()
+            << "peer not allowed: pid=" << peer.pid << " uid=" << peer.uid << " gid=" << peer.gid;
+        return -1;
+    }
 
     bool IsListening() const { return m_nServerFd >= 0; }
 
@@ -126,7 +216,29 @@ public:
 private:
     std::mutex m_gateLock;  // guards m_bClosed; held while a command is handed to the wrapper
     bool m_bClosed = false;
+    const std::vector<uid_t> m_allowUids;
+    const std::vector<gid_t> m_allowGids;
 };
+
+// The longest time a client may wait for an answer: the request timeout of every command of a
+// served service (0 means 15 seconds), and the misc service's own 15-second rows, "JXT+TIMEOUT"
+// among them, unless its white list takes that command over.
+int LongestRequestTimeout(ConfigManager& cfg) {
+    const unsigned kDefault = 15;
+    unsigned longest = 0;
+    bool timeoutCommandTaken = false;
+    for (const CommonConfig& record : cfg.m_configs) {
+        if (!record.m_bSupport) continue;
+        for (const cmd_info& row : record.m_whiteList) {
+            longest = std::max(longest, row.timeout ? row.timeout : kDefault);
+            if (record.m_nServiceId == MISC_SERVICE && row.command == "JXT+TIMEOUT" &&
+                !row.func.empty())
+                timeoutCommandTaken = true;
+        }
+    }
+    if (!timeoutCommandTaken) longest = std::max(longest, kDefault);
+    return static_cast<int>(longest);
+}
 
 void PrintConfig(ConfigManager& cfg) {
     for (CommonConfig& record : cfg.m_configs) std::cout << record.ToString() << "\n";
@@ -188,7 +300,7 @@ int main(int argc, char** argv) {
     }
 
     // Never deleted: its loop thread runs until the process ends (see the top of this file).
-    auto* cmdio = new DaemonCmdIO(opt.socketName.c_str());
+    auto* cmdio = new DaemonCmdIO(opt.socketName.c_str(), opt);
     if (!cmdio->IsListening()) {
         std::cerr << "vornd: cannot listen on socket \"" << opt.socketName
                   << "\": the name is already in use (is another vornd running?)\n";
@@ -199,6 +311,15 @@ int main(int argc, char** argv) {
     std::unique_ptr<ConfigManager> cfg(new ConfigManager());
     ContextWrapper* wrapper = ContextWrapper::Initialize(cmdio, cfg.get());
     if (!ApplyConfigFile(*cfg, opt.configPath)) return 1;
+    // An idle limit shorter than a request would cut a client off while it waits for an answer.
+    if (opt.idleTimeout > 0 && opt.idleTimeout < LongestRequestTimeout(*cfg)) {
+        std::cerr << "vornd: --idle-timeout " << opt.idleTimeout
+                  << " is below the longest request timeout of the configuration ("
+                  << LongestRequestTimeout(*cfg) << " s)\n";
+        return 2;
+    }
+    cmdio->SetIdleTimeout(opt.idleTimeout);
+    cmdio->SetWaitingLimit(Processer::kWaitingLimit);
 
     wrapper->AddAvailableService(MISC_SERVICE, new MiscService(wrapper));
     wrapper->AddAvailableService(SENSOR_SERVICE, new SensorService(wrapper));

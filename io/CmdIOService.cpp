@@ -1,25 +1,62 @@
 #include "io/CmdIOService.h"
 
+#include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "core/ErrorCode.h"
 #include "io/Formatter.h"
+#include "io/FrontEndState.h"
 #include "platform/LogMessage.h"
 #include "platform/TextUtils.h"
 
 namespace {
-// Guards the staging record and the write that follows, so that replies sent at the same moment
-// from different threads never mix inside it. One command I/O service per process.
+// Guards the staging record, so that replies sent at the same moment from different threads
+// never mix inside it. One command I/O service per process. The write itself happens after it
+// is released, under the client's own write lock, so a client that reads late holds up only
+// replies to itself.
 std::mutex g_stagingLock;
 // Guards the callback and its context, and is held while the callback runs, so that a host
 // that replaces or removes the callback knows no call into the old one is still under way.
 std::recursive_mutex g_callbackLock;
 
 const size_t kErrTextSize = 256;
+const size_t kQuotedCommand = 64;  // bytes of the command quoted when a reply is dropped
+
+// One line for a reply that cannot be delivered, quoting the first bytes of the command it
+// answers (a reply record carries the command after its result and length).
+void LogDroppedReply(unsigned char const* data, size_t length, size_t written,
+                     const std::string& why) {
+    if (length == 0) return;  // an empty reply loses nothing
+    const char* text = reinterpret_cast<const char*>(data);
+    size_t shown = length;
+    uint32_t requestLength = 0;
+    if (length >= 8) {
+        memcpy(&requestLength, data + 4, sizeof requestLength);
+        text += 8;
+        shown = std::min<size_t>(requestLength, length - 8);
+    }
+    LogMessage(3, "VORN", "HandleResponse").stream()
+        << "reply to command(" << EscapedText{text, shown, kQuotedCommand} << ") dropped, "
+        << written << " of " << length << " bytes written: " << why;
+}
+// A client's write turn, given back on every way out of the reply; errno is kept for the caller.
+struct TurnHolder {
+    FrontEndState* state;
+    int turn;
+    ~TurnHolder() {
+        if (state == nullptr) return;
+        const int error = errno;
+        state->GiveWriteTurn(turn);
+        errno = error;
+    }
+};
 }  // namespace
 
 CmdIOService::CmdIOService(char const* socketName)
@@ -59,21 +96,82 @@ int CmdIOService::InternalBufferedFlush(char const* command, int length) {
     return m_pCallback(command, length, m_pCallbackContext);
 }
 
-// One send, no retry: MSG_DONTWAIT so that a client that never reads cannot stall the thread
-// that answers, MSG_NOSIGNAL so that a vanished one cannot raise SIGPIPE. A slot that went -1,
-// or holds a descriptor no longer served, drops the reply.
+// A client that reads a little late still gets its reply: when its buffer is full the reply
+// waits for room, for a second at most in all (a wait behind an earlier reply to the same
+// client included), so that a client that never reads cannot stall the thread that answers,
+// the loop thread among them, for longer. Each send is non-blocking (MSG_DONTWAIT) and raises no
+// SIGPIPE (MSG_NOSIGNAL), and happens under the lock with which the loop lets clients go, so
+// the number stays the client's while it is used; the wait for room happens outside the lock,
+// and the slot's generation tells afterwards whether the client is still the same. A reply that
+// cannot be delivered is dropped with one line. Result: the bytes written, or -1 with errno
+// when none could be.
 int CmdIOService::HandleResponse(unsigned char const* data, int length, void* client) {
     if (client == nullptr || length < 0) return 0;
-    // The loop closes client descriptors under the same lock: the number read here stays the
-    // client's until the send is done.
+    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    auto* slot = static_cast<std::atomic<int>*>(client);
+    int index = -1;
+    for (int i = 0; i < kMaxClients; ++i)
+        if (slot == &m_nClientFds[i]) index = i;
+    const int waitMs = state ? state->replyWaitMs.load() : 1000;
+    const auto deadline = FrontEndState::Clock::now() + std::chrono::milliseconds(waitMs);
+    const size_t total = static_cast<size_t>(length);
+    size_t done = 0;
+
+    const int turn = index >= 0 ? index : FrontEndState::kOtherTurn;
+    if (state && !state->TakeWriteTurn(turn, deadline)) {
+        LogDroppedReply(data, total, 0, "an earlier reply to the client still waits for room");
+        errno = EAGAIN;
+        return -1;
+    }
+    const TurnHolder held{state.get(), turn};
+
     pthread_mutex_lock(&m_mutex);
-    int fd = *static_cast<std::atomic<int>*>(client);
-    int rc = 0;
-    if (IsValidFD(fd))
-        rc = static_cast<int>(
-            send(fd, data, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT));
-    pthread_mutex_unlock(&m_mutex);
-    return rc;
+    const int fd = *slot;
+    const uint32_t generation = (state && index >= 0) ? state->generation[index].load() : 0;
+    if (!IsValidFD(fd)) {
+        pthread_mutex_unlock(&m_mutex);
+        LogDroppedReply(data, total, 0, "the client is gone");
+        return 0;
+    }
+    for (;;) {
+        const ssize_t n = send(fd, data + done, total - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const int error = errno;
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            if (state && index >= 0) state->lastActivityMs[index] = FrontEndState::NowMs();
+        }
+        if (done == total) {
+            pthread_mutex_unlock(&m_mutex);
+            return static_cast<int>(done);
+        }
+        const bool full = n >= 0 || error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+        const int64_t left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 deadline - FrontEndState::Clock::now())
+                                 .count();
+        if (!full || left <= 0) {
+            // Half a record would leave the client waiting for the rest: its connection is
+            // shut, and the loop lets it go when it reads the end.
+            if (done > 0) shutdown(fd, SHUT_RDWR);
+            pthread_mutex_unlock(&m_mutex);
+            LogDroppedReply(data, total, done,
+                            full ? "no room within " + std::to_string(waitMs) + " ms"
+                                 : std::string(strerror(error)));
+            if (done > 0) return static_cast<int>(done);
+            errno = full ? EAGAIN : error;
+            return -1;
+        }
+        pthread_mutex_unlock(&m_mutex);
+        pollfd room{fd, POLLOUT, 0};
+        poll(&room, 1, static_cast<int>(left));
+        pthread_mutex_lock(&m_mutex);
+        const bool same = *slot == fd && IsValidFD(fd) &&
+                          (!state || index < 0 || state->generation[index] == generation);
+        if (!same) {
+            pthread_mutex_unlock(&m_mutex);
+            LogDroppedReply(data, total, done, "the client is gone or its slot was reused");
+            return done > 0 ? static_cast<int>(done) : 0;
+        }
+    }
 }
 
 // A record longer than the staging record is refused, not cut: a cut record would leave the
@@ -86,11 +184,14 @@ int CmdIOService::SendResponse(int /*code*/, char const* data, unsigned int leng
         return ERR_OUT_OF_RANGE;
     }
     if (data == nullptr && length != 0) return ERR_INVALID_PARAM;
-    std::lock_guard<std::mutex> lock(g_stagingLock);
-    m_pStaging->length = length;
-    if (length != 0) memcpy(m_pStaging->data, data, length);
-    HandleResponse(reinterpret_cast<unsigned char const*>(m_pStaging->data),
-                   static_cast<int>(m_pStaging->length), m_pReplyTarget.load());
+    {
+        std::lock_guard<std::mutex> lock(g_stagingLock);
+        m_pStaging->length = length;
+        if (length != 0) memcpy(m_pStaging->data, data, length);
+    }
+    // The caller's bytes are those of the staging record and stay valid for the call.
+    HandleResponse(reinterpret_cast<unsigned char const*>(length != 0 ? data : m_pStaging->data),
+                   static_cast<int>(length), m_pReplyTarget.load());
     return 0;
 }
 
@@ -124,10 +225,12 @@ void CmdIOService::ErrorResponse(char const* request, unsigned int requestLength
             << ")";
         return;
     }
-    std::lock_guard<std::mutex> lock(g_stagingLock);
-    memset(m_pStaging, 0, sizeof *m_pStaging);
-    m_pStaging->length = static_cast<uint32_t>(outputLength);
-    if (outputLength > 0) memcpy(m_pStaging->data, output, static_cast<size_t>(outputLength));
-    HandleResponse(reinterpret_cast<unsigned char const*>(m_pStaging->data),
-                   static_cast<int>(m_pStaging->length), m_pReplyTarget.load());
+    {
+        std::lock_guard<std::mutex> lock(g_stagingLock);
+        memset(m_pStaging, 0, sizeof *m_pStaging);
+        m_pStaging->length = static_cast<uint32_t>(outputLength);
+        if (outputLength > 0) memcpy(m_pStaging->data, output, static_cast<size_t>(outputLength));
+    }
+    HandleResponse(outputLength > 0 ? output : reinterpret_cast<unsigned char*>(m_pStaging->data),
+                   outputLength, m_pReplyTarget.load());
 }

@@ -3,15 +3,19 @@
 #include <cutils/sockets.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "core/ErrorCode.h"
+#include "io/FrontEndState.h"
 #include "platform/LogMessage.h"
 
 namespace {
@@ -44,7 +48,92 @@ void SetNonBlocking(int fd, bool on) {
     if (flags < 0) return;
     fcntl(fd, F_SETFL, on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK));
 }
+
+// Every Processer's side state, by address. Never destroyed: detached loop threads may still
+// look theirs up while the process exits.
+std::mutex g_statesLock;  // guards States()
+std::unordered_map<const Processer*, std::shared_ptr<FrontEndState>>& States() {
+    static auto* states = new std::unordered_map<const Processer*, std::shared_ptr<FrontEndState>>;
+    return *states;
+}
+
+// Accept failures that only waiting can cure: the loop backs off instead of retrying at once,
+// since the listening socket stays readable for as long as the connection is pending.
+bool IsShortOfResources(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+const int kFirstBackoffMs = 100;
+const int kLongestBackoffMs = 1000;
+const int64_t kBurstReportMs = 5000;
+
+// One line for the failures of a burst not yet reported.
+void ReportAcceptFailures(FrontEndState& state, int64_t now, bool ended) {
+    if (state.unreported > 0) {
+        LogMessage(4, "VORN", "AcceptConnection").stream()
+            << "accept failures since the last report: " << state.unreported << " ("
+            << strerror(state.lastError) << ") in " << (now - state.lastReportMs) << " ms; "
+            << (ended ? "accepting again" : "still backing off");
+    }
+    state.unreported = 0;
+    state.lastReportMs = now;
+}
+
+// The first failure of a burst gets the usual line; later ones are counted, reported every few
+// seconds and when the burst ends, and each doubles the pause up to a second.
+void NoteAcceptShortage(FrontEndState& state, int error) {
+    const int64_t now = FrontEndState::NowMs();
+    if (!state.backingOff) {
+        LogMessage(4, "VORN", "AcceptConnection").stream() << "Failed to accept new client";
+        state.backingOff = true;
+        state.burstStartMs = state.lastReportMs = now;
+        state.unreported = 0;
+        state.backoffMs = kFirstBackoffMs;
+    } else {
+        ++state.unreported;
+        state.backoffMs = std::min(state.backoffMs * 2, kLongestBackoffMs);
+    }
+    state.lastError = error;
+    state.resumeAcceptMs = now + state.backoffMs;
+    if (now - state.lastReportMs >= kBurstReportMs) ReportAcceptFailures(state, now, false);
+}
+
+void EndAcceptBurst(FrontEndState& state) {
+    if (!state.backingOff) return;
+    ReportAcceptFailures(state, FrontEndState::NowMs(), true);
+    state.backingOff = false;
+}
+
+// A connection beyond the slots stays open and unread; the loop closes it once its peer has
+// gone. Past the host's limit it is closed at once.
+void KeepWaiting(FrontEndState& state, int fd) {
+    const int limit = state.waitingLimit;
+    if (limit > 0 && state.waiting.size() >= static_cast<size_t>(limit)) {
+        LogMessage(4, "VORN", "AcceptConnection").stream()
+            << "Too many waiting connections (" << limit << "): fd=" << fd << " closed";
+        close(fd);
+        return;
+    }
+    state.waiting.push_back({fd, FrontEndState::NowMs()});
+}
 }  // namespace
+
+std::shared_ptr<FrontEndState> FrontEndState::Create(const Processer* owner) {
+    auto state = std::make_shared<FrontEndState>();
+    std::lock_guard<std::mutex> lock(g_statesLock);
+    States()[owner] = state;
+    return state;
+}
+
+std::shared_ptr<FrontEndState> FrontEndState::Find(const Processer* owner) {
+    std::lock_guard<std::mutex> lock(g_statesLock);
+    auto it = States().find(owner);
+    return it == States().end() ? nullptr : it->second;
+}
+
+void FrontEndState::Erase(const Processer* owner) {
+    std::lock_guard<std::mutex> lock(g_statesLock);
+    States().erase(owner);
+}
 
 Processer::Processer(char const* name)
     : m_pSocketName(nullptr),
@@ -52,6 +141,7 @@ Processer::Processer(char const* name)
       m_thread(static_cast<pthread_t>(-1)),
       m_nServerFd(-1),
       m_pRecvBuf(nullptr) {
+    FrontEndState::Create(this);
     InitCilent();
     pthread_cond_init(&m_cond, nullptr);
     pthread_mutex_init(&m_mutex, nullptr);
@@ -82,6 +172,25 @@ Processer::~Processer() {
     pthread_cond_destroy(&m_cond);
     delete[] m_pRecvBuf;
     delete[] m_pSocketName;
+    FrontEndState::Erase(this);
+}
+
+void Processer::SetIdleTimeout(int seconds) {
+    if (auto state = FrontEndState::Find(this)) state->idleSeconds = std::max(0, seconds);
+}
+
+int Processer::GetIdleTimeout() const {
+    auto state = FrontEndState::Find(this);
+    return state ? state->idleSeconds.load() : 0;
+}
+
+void Processer::SetWaitingLimit(int count) {
+    if (auto state = FrontEndState::Find(this)) state->waitingLimit = std::max(0, count);
+}
+
+int Processer::GetWaitingLimit() const {
+    auto state = FrontEndState::Find(this);
+    return state ? state->waitingLimit.load() : 0;
 }
 
 int Processer::InitServerSock() {
@@ -202,11 +311,15 @@ void Processer::RemoveClient(int index) {
 // The slot is freed before the descriptor is closed, so a reply can never reach a number that
 // has already been handed to someone else.
 bool Processer::RemoveSpecialCilent(int fd) {
-    for (auto& slot : m_nClientFds) {
+    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    for (int i = 0; i < kMaxClients; ++i) {
         int expected = fd;
         pthread_mutex_lock(&m_mutex);
-        const bool mine = slot.compare_exchange_strong(expected, -1);
-        if (mine) close(fd);
+        const bool mine = m_nClientFds[i].compare_exchange_strong(expected, -1);
+        if (mine) {
+            if (state) ++state->generation[i];
+            close(fd);
+        }
         pthread_mutex_unlock(&m_mutex);
         if (mine) return true;
     }
@@ -215,29 +328,139 @@ bool Processer::RemoveSpecialCilent(int fd) {
 }
 
 // A fifth client is accepted and left open and unread: AddClient refuses it with a positive
-// code, and only a negative one closes the descriptor. Deliberate.
+// code, and only a negative one closes the descriptor. Deliberate. The loop watches it for
+// hang-up only (see WaitRound).
 void Processer::AcceptConnection(int serverFd) {
     if (serverFd == -1) {
         LogMessage(4, "VORN", "AcceptConnection").stream() << "Invalid fd";
         return;
     }
+    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
     int fd;
     do {
         fd = accept4(serverFd, nullptr, nullptr, SOCK_CLOEXEC);
     } while (fd < 0 && errno == EINTR);
     if (fd < 0) {
+        if (state && IsShortOfResources(errno)) {
+            NoteAcceptShortage(*state, errno);
+            return;
+        }
         LogMessage(4, "VORN", "AcceptConnection").stream() << "Failed to accept new client";
         return;
     }
+    if (state) EndAcceptBurst(*state);
     LogMessage(1, "VORN", "AcceptConnection").stream()
         << "New client connection is accepted: fd=" << fd;
-    if (AddClient(fd) < 0) {
+    const int rc = AddClient(fd);
+    if (rc < 0) {
         LogMessage(4, "VORN", "AcceptConnection").stream() << "Add new client fail";
         close(fd);
+    } else if (rc > 0 && state) {
+        KeepWaiting(*state, fd);
     }
 }
 
+void Processer::LetClientGo(int index, int fd, FrontEndState& state) {
+    pthread_mutex_lock(&m_mutex);
+    RemoveClient(index);
+    ++state.generation[index];
+    close(fd);
+    pthread_mutex_unlock(&m_mutex);
+    FD_CLR(fd, &m_readSet);
+}
+
+int Processer::WaitRound(FrontEndState& state, int maxFd) {
+    int64_t now = FrontEndState::NowMs();
+    // A slot that changed hands since the last round: its reply generation moves on, and a new
+    // client's idle time starts now.
+    for (int i = 0; i < kMaxClients; ++i) {
+        const int fd = m_nClientFds[i];
+        if (fd == state.seenFds[i]) continue;
+        if (state.seenFds[i] != -1) ++state.generation[i];
+        if (fd != -1) state.lastActivityMs[i] = now;
+        state.seenFds[i] = fd;
+    }
+
+    // While accepting backs off, the listening socket (readable as long as a connection is
+    // pending) stays out of the wait. Once the pause is over it is probed at once: nothing
+    // pending means the burst is over.
+    const int serverFd = LoadFd(m_nServerFd);
+    const bool pausing = state.backingOff && now < state.resumeAcceptMs;
+    int timeout = -1;
+    if (state.backingOff) timeout = pausing ? static_cast<int>(state.resumeAcceptMs - now) : 0;
+    const int64_t idleMs = int64_t(state.idleSeconds) * 1000;
+    auto until = [&](int64_t deadline) {
+        const int left = static_cast<int>(std::max<int64_t>(0, deadline - now));
+        timeout = timeout < 0 ? left : std::min(timeout, left);
+    };
+
+    std::vector<pollfd>& polled = state.polled;
+    polled.clear();
+    for (int fd = 0; fd <= maxFd && fd < FD_SETSIZE; ++fd) {
+        if (!FD_ISSET(fd, &m_readSet) || (pausing && fd == serverFd)) continue;
+        polled.push_back({fd, POLLIN, 0});
+    }
+    const size_t inputs = polled.size();
+    for (const auto& w : state.waiting) {
+        polled.push_back({w.fd, POLLRDHUP, 0});
+        if (idleMs > 0) until(w.sinceMs + idleMs);
+    }
+    if (idleMs > 0) {
+        for (int i = 0; i < kMaxClients; ++i)
+            if (m_nClientFds[i] != -1) until(state.lastActivityMs[i] + idleMs);
+    }
+
+    // Like select with no timeout, an endless wait ends only by input or a signal (EINTR).
+    if (poll(polled.empty() ? nullptr : polled.data(), polled.size(), timeout) < 0) return -1;
+
+    FD_ZERO(&m_readSet);
+    int ready = 0;
+    for (size_t k = 0; k < inputs; ++k) {
+        if (polled[k].revents == 0) continue;
+        FD_SET(polled[k].fd, &m_readSet);
+        ++ready;
+    }
+    if (state.backingOff && !pausing && FitsFdSet(serverFd) && !FD_ISSET(serverFd, &m_readSet))
+        EndAcceptBurst(state);
+
+    now = FrontEndState::NowMs();
+    size_t kept = 0;
+    for (size_t j = 0; j < state.waiting.size(); ++j) {
+        const FrontEndState::Waiting w = state.waiting[j];
+        const short events = polled[inputs + j].revents;
+        if (events & POLLNVAL) {
+            // Closed behind the loop's back: the number may be someone else's now.
+            LogMessage(3, "VORN", "Run").stream() << "waiting client no longer open: fd=" << w.fd;
+        } else if (events != 0) {
+            LogMessage(1, "VORN", "Run").stream() << "waiting client gone: fd=" << w.fd;
+            close(w.fd);
+        } else if (idleMs > 0 && now - w.sinceMs >= idleMs) {
+            LogMessage(3, "VORN", "Run").stream()
+                << "idle waiting client closed after " << state.idleSeconds << " s: fd=" << w.fd;
+            close(w.fd);
+        } else {
+            state.waiting[kept++] = w;
+        }
+    }
+    state.waiting.resize(kept);
+
+    if (idleMs > 0) {
+        for (int i = 0; i < kMaxClients; ++i) {
+            const int fd = m_nClientFds[i];
+            // A client with input waiting is not idle: its transmission is read this round.
+            if (fd == -1 || (FitsFdSet(fd) && FD_ISSET(fd, &m_readSet))) continue;
+            if (now - state.lastActivityMs[i] < idleMs) continue;
+            LogMessage(3, "VORN", "Run").stream()
+                << "idle client[" << i << "] closed after " << state.idleSeconds << " s";
+            LetClientGo(i, fd, state);
+        }
+    }
+    return ready;
+}
+
 void Processer::Run() {
+    // The loop's own reference: the state outlives a server deleted under a running loop.
+    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
     // False while a transmission spanning whole chunks is read with the descriptor non-blocking.
     bool blocking = true;
     for (;;) {
@@ -252,10 +475,9 @@ void Processer::Run() {
         int lastFd = m_nLastClientFd;
         if (lastFd != -1 && IsClientFd(m_nClientFds, lastFd)) fcntl(lastFd, F_SETFL, 0);
 
-        if (select(maxFd + 1, &m_readSet, nullptr, nullptr, nullptr) < 1) {
-            if (errno == EINTR) break;
-            continue;
-        }
+        const int ready = WaitRound(*state, maxFd);
+        if (ready < 0 && errno == EINTR) break;
+        if (ready < 1) continue;
         int serverFd = LoadFd(m_nServerFd);
         if (FitsFdSet(serverFd) && FD_ISSET(serverFd, &m_readSet)) {
             AcceptConnection(serverFd);
@@ -308,14 +530,11 @@ void Processer::Run() {
                 LogMessage(4, "VORN", "Run").stream() << "disconnect client[" << i << "]...";
                 // The slot is freed and the descriptor closed under the reply lock, so no reply
                 // is ever written to a number that is being closed or already reused.
-                pthread_mutex_lock(&m_mutex);
-                RemoveClient(i);
-                close(fd);
-                pthread_mutex_unlock(&m_mutex);
-                FD_CLR(fd, &m_readSet);
+                LetClientGo(i, fd, *state);
                 blocking = true;
                 continue;
             }
+            state->lastActivityMs[i] = FrontEndState::NowMs();
             void* client = &m_nClientFds[i];
             if (total < static_cast<size_t>(kRecvChunk)) {
                 if (LogMessage::IsOn(1))

@@ -97,7 +97,10 @@ int SFCommandParser::GetServiceIdByVendorCmd(char const* command, int length) {
     const auto* entry = FindEntry(command);
     if (entry == nullptr) {
         LogMessage(4, "VORN", "GetServiceIdByVendorCmd").stream()
-            << "unsupported vendor command(" << command << ") in vendor list table";
+            << "unsupported vendor command("
+            << EscapedText{command, length > 0 ? strnlen(command, static_cast<size_t>(length))
+                                               : strlen(command)}
+            << ") in vendor list table";
         return -1;
     }
     return entry->second;

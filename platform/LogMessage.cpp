@@ -118,3 +118,25 @@ void DumpLogBytes(const char* tag, const char* function, const char* label, cons
     }
     if (shown < length) out << "\n... " << (length - shown) << " more bytes";
 }
+
+std::ostream& operator<<(std::ostream& out, const EscapedText& text) {
+    // A line that is off has a stream without a buffer: nothing to format.
+    if (!out.good() || text.data == nullptr) return out;
+    static const char kHex[] = "0123456789abcdef";
+    const std::size_t shown = std::min(text.length, text.limit);
+    std::string escaped;
+    escaped.reserve(shown);
+    for (std::size_t i = 0; i < shown; ++i) {
+        const auto byte = static_cast<unsigned char>(text.data[i]);
+        if (byte >= 0x20 && byte < 0x7f) {
+            escaped += static_cast<char>(byte);
+        } else {
+            escaped += "\\x";
+            escaped += kHex[byte >> 4];
+            escaped += kHex[byte & 0xf];
+        }
+    }
+    out << escaped;
+    if (shown < text.length) out << " ...(" << text.length << " bytes)";
+    return out;
+}

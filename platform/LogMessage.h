@@ -15,8 +15,8 @@ typedef int LogSeverity;
 class LogMessage {
 public:
     // (severity, tag, function, text) of every emitted line; tests install one to assert lines.
-    using CaptureHook = std::function<void(int, const std::string&, const std::string&,
-                                           const std::string&)>;
+    using CaptureHook =
+        std::function<void(int, const std::string&, const std::string&, const std::string&)>;
 
     LogMessage(LogSeverity severity, std::string tag, std::string function);
     // The common form: string literals need no std::string on the hot path.
@@ -49,14 +49,24 @@ private:
     void* m_pStream;  // std::ostringstream*, only for enabled lines
 };
 
+// Bytes that came from a peer, for a log line: printable ASCII as it is, every other byte as
+// \xNN, and at most `limit` bytes of it, followed by " ...(N bytes)" when the text was cut. A
+// line feed or a terminal escape from a client can so never start a line of its own.
+//   LogMessage(4, "VORN", "Run").stream() << "command(" << EscapedText{data, length} << ")";
+struct EscapedText {
+    const char* data;
+    std::size_t length;
+    std::size_t limit = 256;
+};
+std::ostream& operator<<(std::ostream& out, const EscapedText& text);
+
 // Hex and printable dump of a byte block at severity 1, bounded for large blocks.
 void DumpLogBytes(const char* tag, const char* function, const char* label, const void* data,
                   std::size_t length);
 
-#define DUMPLOG(tag, label, data, length)                                  \
-    do {                                                                   \
-        if (LogMessage::IsOn(1))                                           \
-            DumpLogBytes((tag), __func__, (label), (data), (size_t)(length)); \
+#define DUMPLOG(tag, label, data, length)                                                          \
+    do {                                                                                           \
+        if (LogMessage::IsOn(1)) DumpLogBytes((tag), __func__, (label), (data), (size_t)(length)); \
     } while (0)
 
 #endif

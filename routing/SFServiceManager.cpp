@@ -1,5 +1,6 @@
 #include "routing/SFServiceManager.h"
 
+#include <cstring>
 #include <mutex>
 #include <string>
 
@@ -93,7 +94,10 @@ bool SFServiceManager::HandleResponse(sf_response* resp) {
 bool SFServiceManager::CheckCommand(const char* command, int len) {
     if (GetService(command, len)) return true;
     LogMessage(4, "VORN", "CheckCommand").stream()
-        << "Unsupported command[" << (command ? command : "") << "]";
+        << "Unsupported command["
+        << EscapedText{command ? command : "",
+                       command && len > 0 ? strnlen(command, static_cast<size_t>(len)) : 0}
+        << "]";
     return false;
 }
 

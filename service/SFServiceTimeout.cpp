@@ -84,9 +84,11 @@ int SFService::HandleRequestTimeout() {
         return 0;
     }
     if (SFData* vendor = cur->GetVendorCommandData()) {
+        const SFData* request = cur->GetRequestData();
         LogMessage(1, "VORN", "HandleRequestTimeout").stream()
-            << m_strServiceName << "Request cmd(" << cur->GetRequestData()->data << "):"
-            << "VENDOR cmd(" << (vendor->data ? vendor->data : "") << ")";
+            << m_strServiceName << "Request cmd("
+            << EscapedText{request->data, request->data ? request->length : 0} << "):"
+            << "VENDOR cmd(" << EscapedText{vendor->data, vendor->data ? vendor->length : 0} << ")";
     }
     if (OnHandleRequestTimeout(cur)) {
         // The service took the whole recovery on itself; the flag and the request stay.

@@ -38,8 +38,9 @@ int MiscService::OnHandleRequest(SFMessage* msg) {
     std::string param;
     if (vendor && vendor->data && SFCommandParser::GetCommandParamer(vendor->data, param)) {
         if (LogMessage::IsOn(1))
-            LogMessage(1, "VORN", "OnHandleRequest").stream() << "[" << GetServiceName() << "]"
-                                                              << "command content is" << param;
+            LogMessage(1, "VORN", "OnHandleRequest").stream()
+                << "[" << GetServiceName() << "]"
+                << "command content is" << EscapedText{param.data(), param.size()};
         msg->SetDeviceCommandData(
             new SFData(param.c_str(), static_cast<unsigned>(param.size()), vendor->direction));
     }

@@ -77,6 +77,7 @@ public:
         if (m_pid > 0) kill(m_pid, signo);
     }
     int ExitStatus() const { return m_nStatus; }
+    pid_t Pid() const { return m_pid; }
     std::string Stdout() const { return Read("/stdout"); }
     std::string Stderr() const { return Read("/stderr"); }
 

@@ -59,7 +59,8 @@ TEST(CmdIOService, ErrorAndOversizedRepliesGoWholeToTheClientOfTheLatestCommand)
     EXPECT_EQ("", a.ReadAvailable(kQuiet));
 }
 
-TEST(CmdIOService, ReplyToAVanishedClientIsDroppedWithoutSigpipe) {
+TEST(CmdIOService, ReplyToAVanishedClientIsDroppedWithoutSigpipeButWithALine) {
+    vorn_test::LogCapture log;
     Client client;
     RecordingServer* server = ServerWithClient("gone", client);
     server->Hold(true);
@@ -74,7 +75,11 @@ TEST(CmdIOService, ReplyToAVanishedClientIsDroppedWithoutSigpipe) {
     server->Hold(false);
     ASSERT_TRUE(vorn_test::Await([&] { return server->ClientFd(0) == -1; }));
     EXPECT_EQ(0, server->HandleResponse(x, 1, target));
-    EXPECT_EQ(0, server->SendResponse(2, "x", 1));
+    const std::string record = vorn_test::EncodeReply(0, "JXT+B\n", "");
+    EXPECT_EQ(0, server->SendResponse(2, record.data(), record.size()));
+    EXPECT_TRUE(
+        log.Has("reply to command(JXT+B\\x0a) dropped, 0 of 18 bytes written: the client is gone",
+                "HandleResponse", 3));
 }
 
 TEST(CmdIOService, RepliesFromTwoThreadsNeverInterleave) {
@@ -82,7 +87,8 @@ TEST(CmdIOService, RepliesFromTwoThreadsNeverInterleave) {
     RecordingServer* server = ServerWithClient("race", client);
     const int kEach = 200;
     std::atomic<int> sent{0}, seen{0};
-    // Replies never wait for a slow reader, so the senders keep only a few records in flight.
+    // A reply waits a second at most for a slow reader, so the senders keep only a few records
+    // in flight.
     auto sender = [&](char fill) {
         const std::string record = vorn_test::EncodeReply(0, std::string(1500, fill), "");
         for (int i = 0; i < kEach; ++i) {

@@ -4,7 +4,9 @@
 #include <signal.h>
 
 #include <array>
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "io/RecordingServer.h"
 #include "support/TestSupport.h"
@@ -99,4 +101,64 @@ TEST(SocketServer, ServerWithoutSocketRefusesToStart) {
 
     RecordingServer longName(std::string(300, 'n'));
     EXPECT_EQ(std::string(255, 'n'), longName.Name());
+}
+
+// Hosts are compiled against the documented fields: what the front end adds lives beside the
+// object, so the size and every offset stay those of this record.
+struct DocumentedLayout {
+    void* vtable;
+    char* name;
+    int clientFds[Processer::kMaxClients];
+    int lastClientFd;
+    pthread_t thread;
+    int serverFd;
+    unsigned char* recvBuf;
+    pthread_cond_t cond;
+    pthread_mutex_t mutex;
+    pthread_attr_t attr;
+    fd_set readSet;
+    // CmdIOService
+    void* staging;
+    void* replyTarget;
+    void* callbackContext;
+    void* callback;
+};
+
+class LayoutProbe : public CmdIOService {
+public:
+    LayoutProbe() : CmdIOService(vorn_test::UniqueSocketName("layout").c_str()) {}
+    std::vector<size_t> Offsets() const {
+        const auto* base = reinterpret_cast<const char*>(static_cast<const Processer*>(this));
+        std::vector<size_t> at;
+        for (const void* field :
+             {(const void*)&m_pSocketName, (const void*)&m_nClientFds,
+              (const void*)&m_nLastClientFd, (const void*)&m_thread, (const void*)&m_nServerFd,
+              (const void*)&m_pRecvBuf, (const void*)&m_cond, (const void*)&m_mutex,
+              (const void*)&m_attr, (const void*)&m_readSet, (const void*)&m_pStaging,
+              (const void*)&m_pReplyTarget, (const void*)&m_pCallbackContext,
+              (const void*)&m_pCallback})
+            at.push_back(static_cast<size_t>(static_cast<const char*>(field) - base));
+        return at;
+    }
+    int HandleResponse(unsigned char const*, int, void*) override { return 0; }
+};
+
+TEST(SocketServer, ExportedClassesKeepTheirDocumentedLayout) {
+    EXPECT_EQ(sizeof(DocumentedLayout), sizeof(CmdIOService));
+    EXPECT_EQ(offsetof(DocumentedLayout, staging), sizeof(Processer));
+    const std::vector<size_t> expected{offsetof(DocumentedLayout, name),
+                                       offsetof(DocumentedLayout, clientFds),
+                                       offsetof(DocumentedLayout, lastClientFd),
+                                       offsetof(DocumentedLayout, thread),
+                                       offsetof(DocumentedLayout, serverFd),
+                                       offsetof(DocumentedLayout, recvBuf),
+                                       offsetof(DocumentedLayout, cond),
+                                       offsetof(DocumentedLayout, mutex),
+                                       offsetof(DocumentedLayout, attr),
+                                       offsetof(DocumentedLayout, readSet),
+                                       offsetof(DocumentedLayout, staging),
+                                       offsetof(DocumentedLayout, replyTarget),
+                                       offsetof(DocumentedLayout, callbackContext),
+                                       offsetof(DocumentedLayout, callback)};
+    EXPECT_EQ(expected, LayoutProbe().Offsets());
 }
