@@ -6,10 +6,12 @@
 
 #include <atomic>
 
+#include "core/VornExport.h"
+
 // The local-socket server: a listening abstract-namespace stream socket, a table of four
 // clients and one detached loop thread that reads transmissions and hands each to
 // HandleRequest. The loop ends only when select is interrupted by a signal.
-class Processer {
+class VORN_EXPORT Processer {
 public:
     static const int kRecvChunk = 3072;
     static const int kMaxChunks = 8;

@@ -6,17 +6,19 @@
 #include <ostream>
 #include <string>
 
+#include "core/VornExport.h"
+
 // Severities: 1 trace, 2 milestone, 3 warning, 4 error.
 typedef int LogSeverity;
 
 // One log line. The text is collected through stream() and emitted by the destructor through
 // liblog (stderr on Linux, logcat on Android). A line below the minimum severity, with no
 // capture hook installed, formats nothing: stream() hands out a stream that discards.
-class LogMessage {
+class VORN_EXPORT LogMessage {
 public:
     // (severity, tag, function, text) of every emitted line; tests install one to assert lines.
-    using CaptureHook = std::function<void(int, const std::string&, const std::string&,
-                                           const std::string&)>;
+    using CaptureHook =
+        std::function<void(int, const std::string&, const std::string&, const std::string&)>;
 
     LogMessage(LogSeverity severity, std::string tag, std::string function);
     // The common form: string literals need no std::string on the hot path.
@@ -50,13 +52,12 @@ private:
 };
 
 // Hex and printable dump of a byte block at severity 1, bounded for large blocks.
-void DumpLogBytes(const char* tag, const char* function, const char* label, const void* data,
-                  std::size_t length);
+VORN_EXPORT void DumpLogBytes(const char* tag, const char* function, const char* label,
+                              const void* data, std::size_t length);
 
-#define DUMPLOG(tag, label, data, length)                                  \
-    do {                                                                   \
-        if (LogMessage::IsOn(1))                                           \
-            DumpLogBytes((tag), __func__, (label), (data), (size_t)(length)); \
+#define DUMPLOG(tag, label, data, length)                                                          \
+    do {                                                                                           \
+        if (LogMessage::IsOn(1)) DumpLogBytes((tag), __func__, (label), (data), (size_t)(length)); \
     } while (0)
 
 #endif
