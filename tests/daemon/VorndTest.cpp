@@ -145,11 +145,17 @@ TEST(VorndStartup, OptionsTakeTheirValueInEveryFormAndCheckConfigAnswersWithItsS
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("--print-config takes no value"), std::string::npos) << r.err;
 
-    // The strict check: the built-in HAL found next to the library, a misspelt service named.
-    r = RunProgram({VORND_PATH, "--check-config", dir.Write("clean.json", "{}")});
+    // The strict check: every function of the built-in white lists found in the sample HAL, a
+    // misspelt service named.
+    const std::string hal = std::string("{ \"libpath\": \"") + VORN_HAL_PATH + "\" }";
+    r = RunProgram({VORND_PATH, "--check-config",
+                    dir.Write("clean.json", "{ \"misc\": " + hal + ", \"sensor\": " + hal +
+                                                ", \"modem\": " + hal + " }")});
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_EQ(r.out, "");
-    r = RunProgram({VORND_PATH, "--check-config=" + dir.Write("typo.json", "{ \"sesnor\": { } }")});
+    const std::string typo = "{ \"sesnor\": { }, \"misc\": " + hal + ", \"sensor\": " + hal +
+                             ", \"modem\": " + hal + " }";
+    r = RunProgram({VORND_PATH, "--check-config=" + dir.Write("typo.json", typo)});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "/sesnor: unknown service, ignored (services: misc, sensor, modem)\n");
 }
