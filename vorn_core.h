@@ -24,6 +24,7 @@
 #include "io/SFIOChannel.h"
 
 #include "config/CommonConfig.h"
+#include "config/ConfigChecker.h"
 #include "config/ConfigManager.h"
 #include "config/ServiceId.h"
 #include "config/cmd_info.h"

@@ -16,6 +16,8 @@ set(VORN_CORE_SOURCES
     io/SFIOChannel.cpp
     config/CommonConfig.cpp
     config/ConfigManager.cpp
+    config/ConfigSchema.cpp
+    config/ConfigChecker.cpp
     routing/ContextWrapper.cpp
     routing/SFServiceManager.cpp
     service/ServiceThread.cpp

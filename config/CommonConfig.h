@@ -6,9 +6,10 @@
 
 #include "config/ServiceId.h"
 #include "config/cmd_info.h"
+#include "core/VornExport.h"
 
 // The configuration of one service.
-class CommonConfig {
+class VORN_EXPORT CommonConfig {
 public:
     CommonConfig();
     CommonConfig(ServiceId id, std::string name, int timeout, std::string func, bool support,

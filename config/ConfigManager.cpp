@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "config/ConfigSchema.h"
 #include "platform/CJsonObject.h"
 #include "platform/LogMessage.h"
 
@@ -26,6 +27,9 @@ const std::vector<cmd_info> g_modemWhiteList = {
 const char kDefaultPath[] = "/vendor/etc/vorn.json";
 const char kTag[] = "JSON-VORN";
 const char kFunc[] = "ParseJSONDoc";
+
+const char* Key(ConfigServiceMember member) { return kConfigServiceMembers[member].key; }
+const char* Key(ConfigEntryMember member) { return kConfigEntryMembers[member].key; }
 }  // namespace
 
 ConfigManager::ConfigManager() {
@@ -95,24 +99,23 @@ bool ConfigManager::ParseJSONDoc(std::string path) {
             LogMessage(4, kTag, kFunc).stream() << "Key is empty~~~~~~~~~~~~~~~~~~~~~~";
             continue;
         }
-        if (key == "misc")
-            serviceId = MISC_SERVICE;
-        else if (key == "sensor")
-            serviceId = SENSOR_SERVICE;
-        else if (key == "modem")
-            serviceId = MODEM_SERVICE;
-        else if (serviceId == 0)
-            continue;
+        bool known = false;
+        for (const ConfigServiceKey& service : kConfigServiceKeys) {
+            if (key != service.key) continue;
+            serviceId = service.id;
+            known = true;
+        }
+        if (!known && serviceId == 0) continue;
         neb::CJsonObject& service = doc[key];
         for (CommonConfig& record : m_configs) {
             if (record.m_nServiceId != serviceId) continue;
             // Members are read by name in this fixed order, whatever their order in the file.
-            const std::string lib = service("libpath");
+            const std::string lib = service(Key(CONFIG_LIBPATH));
             if (!lib.empty()) record.m_strLibPath = lib;
-            service.Get("default_timeout", record.m_nTimeout);
-            service.Get("default_func", record.m_strFunc);
-            service.Get("support", record.m_bSupport);
-            ParseWhiteList(service["whitelist"], record.m_whiteList,
+            service.Get(Key(CONFIG_DEFAULT_TIMEOUT), record.m_nTimeout);
+            service.Get(Key(CONFIG_DEFAULT_FUNC), record.m_strFunc);
+            service.Get(Key(CONFIG_SUPPORT), record.m_bSupport);
+            ParseWhiteList(service[Key(CONFIG_WHITELIST)], record.m_whiteList,
                            static_cast<unsigned int>(record.m_nTimeout), record.m_strFunc);
         }
     }
@@ -137,18 +140,18 @@ void ConfigManager::ParseWhiteList(JsonParser& array, std::vector<cmd_info>& lis
         neb::CJsonObject& entry = array[static_cast<unsigned int>(i)];
         if (entry.GetKey(key)) {
             do {
-                if (key == "timeout") {
-                    entry.Get("timeout", timeout);
-                } else if (key == "func") {
-                    entry.Get("func", func);
-                } else if (key == "commands") {
-                    neb::CJsonObject& names = entry["commands"];
+                if (key == Key(CONFIG_ENTRY_TIMEOUT)) {
+                    entry.Get(key, timeout);
+                } else if (key == Key(CONFIG_ENTRY_FUNC)) {
+                    entry.Get(key, func);
+                } else if (key == Key(CONFIG_ENTRY_COMMANDS)) {
+                    neb::CJsonObject& names = entry[key];
                     for (int j = 0; j < names.GetArraySize(); ++j) {
                         scratch = names(static_cast<unsigned int>(j));
                         commands.push_back(scratch);
                     }
-                } else if (key == "command") {
-                    entry.Get("command", scratch);
+                } else if (key == Key(CONFIG_ENTRY_COMMAND)) {
+                    entry.Get(key, scratch);
                     commands.push_back(scratch);
                 }
             } while (entry.GetKey(key));

@@ -7,6 +7,7 @@
 #include "config/CommonConfig.h"
 #include "config/ServiceId.h"
 #include "config/cmd_info.h"
+#include "core/VornExport.h"
 
 namespace neb {
 class CJsonObject;
@@ -14,7 +15,7 @@ class CJsonObject;
 typedef neb::CJsonObject JsonParser;
 
 // The three service records: built-in defaults, overlaid once by the JSON file.
-class ConfigManager {
+class VORN_EXPORT ConfigManager {
 public:
     ConfigManager();
     ~ConfigManager();

@@ -1,6 +1,8 @@
 #ifndef VORN_CORE_ERRORCODE_H
 #define VORN_CORE_ERRORCODE_H
 
+#include "core/VornExport.h"
+
 // Result codes: 0 success, 1..1000 errno values, 1001..1010 the library's own.
 enum ErrorCode {
     ERR_SUCCESS = 0,
@@ -18,6 +20,6 @@ enum ErrorCode {
 
 // Writes "%d:%s\r\n" for the code into out; nothing for code 0 or a null buffer. Callers pass
 // a zero-filled buffer of 256 bytes.
-void GetStringByErrCode(int code, char* out);
+VORN_EXPORT void GetStringByErrCode(int code, char* out);
 
 #endif

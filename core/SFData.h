@@ -4,9 +4,10 @@
 #include <cstdint>
 
 #include "core/DataDirection.h"
+#include "core/VornExport.h"
 
 // A byte payload, always followed by one zero byte; null data and length 0 when empty.
-class SFData {
+class VORN_EXPORT SFData {
 public:
     SFData(char const* data, unsigned int length, unsigned int direction);
     ~SFData();

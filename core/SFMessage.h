@@ -6,9 +6,10 @@
 #include "core/DataDirection.h"
 #include "core/SFData.h"
 #include "core/SFRespData.h"
+#include "core/VornExport.h"
 
 // One request or response travelling through a service. It owns its four payloads.
-class SFMessage {
+class VORN_EXPORT SFMessage {
 public:
     SFMessage(MsgDirection direction, void* soFunc, char const* soFuncName, int timeout,
               SFData* request, SFRespData* response);

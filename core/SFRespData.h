@@ -4,9 +4,10 @@
 #include <cstdint>
 
 #include "core/DataDirection.h"
+#include "core/VornExport.h"
 
 // A response payload with its result code.
-class SFRespData {
+class VORN_EXPORT SFRespData {
 public:
     SFRespData(int result, char const* data, unsigned int length, unsigned int direction);
     // Leaves result at 1001, so a use after destruction reads as a failure.

@@ -41,35 +41,22 @@ namespace {
 struct Options {
     std::string socketName = "vorn";
     std::string configPath;
-    int logLevel = 3;  // warnings and errors: the per-command trace stays off the hot path
+    std::string checkPath;  // --check-config: the file to check
+    int logLevel = 3;       // warnings and errors: the per-command trace stays off the hot path
     bool printConfig = false;
     int idleTimeout = 0;  // seconds; 0 keeps idle clients for good
     // Peers allowed to connect; both empty: everyone.
     std::vector<uid_t> allowUids;
     std::vector<gid_t> allowGids;
+    bool help = false;
+    bool version = false;
 };
 
 const char kBuiltInConfig[] = "/vendor/etc/vorn.json";
 
-void Usage(std::ostream& out) {
-    out << "Usage: vornd [--socket NAME] [--config PATH] [--log-level 1-4] [--print-config]\n"
-           "             [--idle-timeout SEC] [--allow-uid LIST] [--allow-gid LIST]\n"
-           "Serves device commands on the abstract local socket NAME.\n"
-           "\n"
-           "  --socket NAME     abstract socket name (default \"vorn\")\n"
-           "  --config PATH     JSON configuration applied over "
-        << kBuiltInConfig
-        << "\n"
-           "  --log-level N     1 trace, 2 milestones, 3 warnings (default), 4 errors\n"
-           "  --print-config    print the merged configuration and exit\n"
-           "  --idle-timeout N  close a client silent for N seconds (0, the default: never;\n"
-           "                    no less than the longest request timeout)\n"
-           "  --allow-uid LIST  only peers with one of these user ids or names may connect\n"
-           "  --allow-gid LIST  only peers with one of these group ids or names may connect\n"
-           "  --help            this text\n"
-           "\n"
-           "SIGTERM or SIGINT stops the daemon (exit status 0).\n";
-}
+#ifndef VORN_VERSION
+#define VORN_VERSION "unknown"
+#endif
 
 // One entry of --allow-uid (user) or --allow-gid (group): a number or a name.
 bool ParseId(bool user, const std::string& item, unsigned& id) {
@@ -111,62 +98,167 @@ bool ParseIds(const std::string& option, const std::string& list, std::vector<Id
     }
 }
 
-// 0 to go on, otherwise the exit status (help leaves with 0 through `done`).
+// One row an option: its long and short names, the name of its value (none for a switch), its
+// line in --help, and what it does with the value. Parsing, --help, the man page check and the
+// README check all go by this table, so a new option is one row here.
+struct OptionRow {
+    const char* longName;
+    char shortName;     // 0: long form only
+    const char* value;  // null: a switch
+    const char* help;
+    // Stores the value; false after saying on stderr why it is refused.
+    bool (*apply)(Options& opt, const std::string& value);
+};
+
+const OptionRow kOptions[] = {
+    {"socket", 's', "NAME", "abstract socket name (default \"vorn\")",
+     [](Options& opt, const std::string& v) {
+         // Processer keeps the name in a 256-byte array, the abstract address allows 107.
+         if (v.empty() || v.size() > 100) {
+             std::cerr << "vornd: the socket name must have 1 to 100 characters\n";
+             return false;
+         }
+         opt.socketName = v;
+         return true;
+     }},
+    {"config", 'c', "PATH", "JSON configuration applied over /vendor/etc/vorn.json",
+     [](Options& opt, const std::string& v) {
+         opt.configPath = v;
+         return true;
+     }},
+    {"log-level", 'l', "N", "1 trace, 2 milestones, 3 warnings (default), 4 errors",
+     [](Options& opt, const std::string& v) {
+         if (v.size() != 1 || v[0] < '1' || v[0] > '4') {
+             std::cerr << "vornd: --log-level takes 1, 2, 3 or 4, not \"" << v << "\"\n";
+             return false;
+         }
+         opt.logLevel = v[0] - '0';
+         return true;
+     }},
+    {"print-config", 'p', nullptr, "print the merged configuration and exit",
+     [](Options& opt, const std::string&) {
+         opt.printConfig = true;
+         return true;
+     }},
+    {"idle-timeout", 0, "SEC",
+     "close a client silent for SEC seconds (0, the default: never; no less than the longest "
+     "request timeout)",
+     [](Options& opt, const std::string& v) {
+         char* end = nullptr;
+         const long seconds = strtol(v.c_str(), &end, 10);
+         if (v.empty() || *end != '\0' || seconds < 0 || seconds > 86400) {
+             std::cerr << "vornd: --idle-timeout takes 0 to 86400 seconds, not \"" << v << "\"\n";
+             return false;
+         }
+         opt.idleTimeout = static_cast<int>(seconds);
+         return true;
+     }},
+    {"allow-uid", 0, "LIST", "only peers with one of these user ids or names may connect",
+     [](Options& opt, const std::string& v) { return ParseIds("--allow-uid", v, opt.allowUids); }},
+    {"allow-gid", 0, "LIST", "only peers with one of these group ids or names may connect",
+     [](Options& opt, const std::string& v) { return ParseIds("--allow-gid", v, opt.allowGids); }},
+    {"check-config", 0, "FILE", "check FILE strictly, one line per problem; exit 1 if any",
+     [](Options& opt, const std::string& v) {
+         if (v.empty()) {
+             std::cerr << "vornd: --check-config needs a file\n";
+             return false;
+         }
+         opt.checkPath = v;
+         return true;
+     }},
+    {"version", 'V', nullptr, "print the version and exit",
+     [](Options& opt, const std::string&) {
+         opt.version = true;
+         return true;
+     }},
+    {"help", 'h', nullptr, "this text",
+     [](Options& opt, const std::string&) {
+         opt.help = true;
+         return true;
+     }},
+};
+
+void Usage(std::ostream& out) {
+    out << "Usage: vornd [OPTION]...\n"
+           "Serves device commands on an abstract local socket (\"vorn\" unless --socket names\n"
+           "another).\n"
+           "\n";
+    for (const OptionRow& row : kOptions) {
+        std::string left = row.shortName ? std::string("-") + row.shortName + ", " : "    ";
+        left += std::string("--") + row.longName;
+        if (row.value) left += std::string(" ") + row.value;
+        out << "  " << left << std::string(left.size() < 26 ? 26 - left.size() : 1, ' ') << row.help
+            << "\n";
+    }
+    out << "\n"
+           "A value follows its option as the next argument or after \"=\" (--socket=NAME, "
+           "-sNAME).\n"
+           "SIGTERM, SIGINT or SIGHUP stops the daemon (exit status 0). SIGHUP does not reload\n"
+           "the configuration: restart the daemon to apply a changed file.\n";
+}
+
+const OptionRow* FindOption(const std::string& longName, char shortName) {
+    for (const OptionRow& row : kOptions)
+        if (shortName ? row.shortName == shortName : longName == row.longName) return &row;
+    return nullptr;
+}
+
+// 0 to go on, otherwise the exit status (--help and --version leave with 0 through `done`).
 int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
     done = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
-        if (a == "--help" || a == "-h") {
-            Usage(std::cout);
+        const OptionRow* row = nullptr;
+        std::string value;
+        bool inline_value = false;
+        if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
+            const size_t eq = a.find('=');
+            row = FindOption(a.substr(2, eq == std::string::npos ? std::string::npos : eq - 2), 0);
+            if (eq != std::string::npos) {
+                value = a.substr(eq + 1);
+                inline_value = true;
+            }
+        } else if (a.size() >= 2 && a[0] == '-' && a[1] != '-') {
+            row = FindOption("", a[1]);
+            if (a.size() > 2) {
+                value = a.substr(2);
+                inline_value = true;
+            }
+        }
+        if (!row) {
+            std::cerr << "vornd: unknown argument \"" << a << "\" (see --help)\n";
+            return 2;
+        }
+        const std::string name = std::string("--") + row->longName;
+        if (row->value && !inline_value) {
+            if (i + 1 >= argc) {
+                std::cerr << "vornd: " << name << " needs a value\n";
+                return 2;
+            }
+            value = argv[++i];
+        } else if (!row->value && inline_value) {
+            std::cerr << "vornd: " << name << " takes no value\n";
+            return 2;
+        }
+        if (!row->apply(opt, value)) return 2;
+        if (opt.help || opt.version) {
+            if (opt.help)
+                Usage(std::cout);
+            else
+                std::cout << "vornd " << VORN_VERSION << "\n";
             done = true;
             return 0;
         }
-        if (a == "--print-config") {
-            opt.printConfig = true;
-            continue;
-        }
-        if (a == "--socket" || a == "--config" || a == "--log-level" || a == "--idle-timeout" ||
-            a == "--allow-uid" || a == "--allow-gid") {
-            if (i + 1 >= argc) {
-                std::cerr << "vornd: " << a << " needs a value\n";
-                return 2;
-            }
-            const std::string v = argv[++i];
-            if (a == "--socket") {
-                // Processer keeps the name in a 256-byte array, the abstract address allows 107.
-                if (v.empty() || v.size() > 100) {
-                    std::cerr << "vornd: the socket name must have 1 to 100 characters\n";
-                    return 2;
-                }
-                opt.socketName = v;
-            } else if (a == "--config") {
-                opt.configPath = v;
-            } else if (a == "--idle-timeout") {
-                char* end = nullptr;
-                const long seconds = strtol(v.c_str(), &end, 10);
-                if (v.empty() || *end != '\0' || seconds < 0 || seconds > 86400) {
-                    std::cerr << "vornd: --idle-timeout takes 0 to 86400 seconds, not \"" << v
-                              << "\"\n";
-                    return 2;
-                }
-                opt.idleTimeout = static_cast<int>(seconds);
-            } else if (a == "--allow-uid") {
-                if (!ParseIds(a, v, opt.allowUids)) return 2;
-            } else if (a == "--allow-gid") {
-                if (!ParseIds(a, v, opt.allowGids)) return 2;
-            } else {
-                if (v.size() != 1 || v[0] < '1' || v[0] > '4') {
-                    std::cerr << "vornd: --log-level takes 1, 2, 3 or 4, not \"" << v << "\"\n";
-                    return 2;
-                }
-                opt.logLevel = v[0] - '0';
-            }
-            continue;
-        }
-        std::cerr << "vornd: unknown argument \"" << a << "\" (see --help)\n";
-        return 2;
     }
     return 0;
+}
+
+// --check-config: one line a problem on stdout; 0 when the file is clean, 1 otherwise.
+int CheckConfig(const std::string& path) {
+    const std::vector<std::string> problems = ConfigChecker::Check(path);
+    for (const std::string& line : problems) std::cout << line << "\n";
+    std::cout.flush();
+    return problems.empty() ? 0 : 1;
 }
 
 // The daemon's command I/O service. It adds three things the daemon needs from the outside:
@@ -276,6 +368,8 @@ int main(int argc, char** argv) {
     if (rc != 0 || done) return rc;
 
     LogMessage::SetMinSeverity(opt.logLevel);
+
+    if (!opt.checkPath.empty()) return CheckConfig(opt.checkPath);
 
     if (opt.printConfig) {
         // The same merge as a running daemon, without the socket: the built-in file, then

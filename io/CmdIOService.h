@@ -4,11 +4,12 @@
 #include <atomic>
 #include <cstdint>
 
+#include "core/VornExport.h"
 #include "io/Processer.h"
 
 // The daemon's socket server: delivers each transmission to the registered callback and writes
 // replies to the client of the latest transmission.
-class CmdIOService : public Processer {
+class VORN_EXPORT CmdIOService : public Processer {
 public:
     typedef int (*CommandCallback)(char const* command, int length, void* context);
 

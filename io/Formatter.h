@@ -3,9 +3,11 @@
 
 #include <cstdint>
 
+#include "core/VornExport.h"
+
 // Builds the reply record: int32 result, uint32 R, R request bytes, uint32 S, S response
 // bytes (native byte order, little-endian on the target).
-class Formatter {
+class VORN_EXPORT Formatter {
 public:
     struct View {
         char* data;

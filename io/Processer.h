@@ -6,12 +6,14 @@
 
 #include <atomic>
 
+#include "core/VornExport.h"
+
 class FrontEndState;
 
 // The local-socket server: a listening abstract-namespace stream socket, a table of four
 // clients and one detached loop thread that reads transmissions and hands each to
 // HandleRequest. The loop ends only when select is interrupted by a signal.
-class Processer {
+class VORN_EXPORT Processer {
 public:
     static const int kRecvChunk = 3072;
     static const int kMaxChunks = 8;
@@ -65,9 +67,9 @@ private:
     // One wait of the loop: the read set's descriptors for input, the waiting connections for
     // hang-up, the idle limit and the accept back-off for the time limit. Rewrites the read set
     // to the ready descriptors and returns their number, or -1 (errno set) when the wait failed.
-    int WaitRound(FrontEndState& state, int maxFd);
+    VORN_LOCAL int WaitRound(FrontEndState& state, int maxFd);
     // Frees slot `index`, then closes its descriptor, under the reply lock.
-    void LetClientGo(int index, int fd, FrontEndState& state);
+    VORN_LOCAL void LetClientGo(int index, int fd, FrontEndState& state);
 };
 
 #endif

@@ -3,9 +3,11 @@
 
 #include <string>
 
+#include "core/VornExport.h"
+
 // The process-wide vendor-command table (command text address -> service id) and the text
 // operations that split a command. All operations are static.
-class SFCommandParser {
+class VORN_EXPORT SFCommandParser {
 public:
     virtual ~SFCommandParser() {}
 

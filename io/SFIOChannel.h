@@ -1,9 +1,11 @@
 #ifndef VORN_IO_SFIOCHANNEL_H
 #define VORN_IO_SFIOCHANNEL_H
 
+#include "core/VornExport.h"
+
 // One descriptor of a device node or file, with operations that retry on interruption and on a
 // temporarily unavailable device.
-class SFIOChannel {
+class VORN_EXPORT SFIOChannel {
 public:
     SFIOChannel();
     virtual ~SFIOChannel();

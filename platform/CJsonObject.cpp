@@ -71,6 +71,16 @@ bool CJsonObject::IsArray() const { return cJSON_IsArray(m_node); }
 
 bool CJsonObject::IsObject() const { return cJSON_IsObject(m_node); }
 
+const char* CJsonObject::Kind() const {
+    if (cJSON_IsObject(m_node)) return "object";
+    if (cJSON_IsArray(m_node)) return "array";
+    if (cJSON_IsString(m_node)) return "string";
+    if (cJSON_IsNumber(m_node)) return "number";
+    if (cJSON_IsBool(m_node)) return "boolean";
+    if (cJSON_IsNull(m_node)) return "null";
+    return "";
+}
+
 std::string CJsonObject::ToString() const {
     if (!m_node) return "";
     char* text = cJSON_PrintUnformatted(m_node);

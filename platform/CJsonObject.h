@@ -29,6 +29,8 @@ public:
     bool IsEmpty() const;
     bool IsArray() const;
     bool IsObject() const;
+    // "object", "array", "string", "number", "boolean" or "null"; "" for an empty node.
+    const char* Kind() const;
     std::string ToString() const;
 
     // Member names of an object, one per call, in document order.

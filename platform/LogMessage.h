@@ -6,13 +6,15 @@
 #include <ostream>
 #include <string>
 
+#include "core/VornExport.h"
+
 // Severities: 1 trace, 2 milestone, 3 warning, 4 error.
 typedef int LogSeverity;
 
 // One log line. The text is collected through stream() and emitted by the destructor through
 // liblog (stderr on Linux, logcat on Android). A line below the minimum severity, with no
 // capture hook installed, formats nothing: stream() hands out a stream that discards.
-class LogMessage {
+class VORN_EXPORT LogMessage {
 public:
     // (severity, tag, function, text) of every emitted line; tests install one to assert lines.
     using CaptureHook =
@@ -61,8 +63,8 @@ struct EscapedText {
 std::ostream& operator<<(std::ostream& out, const EscapedText& text);
 
 // Hex and printable dump of a byte block at severity 1, bounded for large blocks.
-void DumpLogBytes(const char* tag, const char* function, const char* label, const void* data,
-                  std::size_t length);
+VORN_EXPORT void DumpLogBytes(const char* tag, const char* function, const char* label,
+                              const void* data, std::size_t length);
 
 #define DUMPLOG(tag, label, data, length)                                                          \
     do {                                                                                           \

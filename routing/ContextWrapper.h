@@ -1,6 +1,7 @@
 #ifndef VORN_ROUTING_CONTEXTWRAPPER_H
 #define VORN_ROUTING_CONTEXTWRAPPER_H
 
+#include "core/VornExport.h"
 #include "core/sf_response.h"
 
 class CmdIOService;
@@ -8,7 +9,7 @@ class ConfigManager;
 class SFService;
 
 // The process-wide glue between the command I/O service, the configuration and the services.
-class ContextWrapper {
+class VORN_EXPORT ContextWrapper {
 public:
     static ContextWrapper* Initialize(CmdIOService* cmdio, ConfigManager* cfg);
 

@@ -4,13 +4,14 @@
 #include <map>
 
 #include "core/SFData.h"
+#include "core/VornExport.h"
 #include "core/sf_response.h"
 
 class ContextWrapper;
 class SFService;
 
 // The registry of services: owns them, finds the owner of a command, carries replies out.
-class SFServiceManager {
+class VORN_EXPORT SFServiceManager {
 public:
     static void Initialize(ContextWrapper* context);
     static SFServiceManager* GetServiceManager();
@@ -31,6 +32,6 @@ public:
     std::map<int, SFService*> m_services;
 };
 
-extern SFServiceManager* g_pServiceMgr;
+extern VORN_EXPORT SFServiceManager* g_pServiceMgr;
 
 #endif

@@ -4,7 +4,7 @@
 # Idempotent; run as root (or with sudo available) on Debian 12.
 set -euo pipefail
 packages=(
-    cmake ninja-build g++ pkg-config
+    cmake ninja-build g++ pkg-config binutils dpkg
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     android-libcutils-dev android-liblog-dev libcjson-dev
     clang libclang-rt-14-dev

@@ -16,6 +16,7 @@
 #include "core/SFData.h"
 #include "core/SFMessage.h"
 #include "core/SFRespData.h"
+#include "core/VornExport.h"
 #include "core/sf_response.h"
 #include "platform/DllParser.h"
 #include "platform/LogMessage.h"
@@ -28,7 +29,7 @@ class ConfigManager;
 
 // The common base of every device service: a request and a response queue, a notification
 // pipe, monitor/request/response threads, request timeouts, the command table and HAL calls.
-class SFService {
+class VORN_EXPORT SFService {
 public:
     SFService(ContextWrapper* context, int serviceId);
     virtual ~SFService();

@@ -1,9 +1,10 @@
 #ifndef VORN_SERVICES_MISCSERVICE_H
 #define VORN_SERVICES_MISCSERVICE_H
 
+#include "core/VornExport.h"
 #include "service/SFService.h"
 
-class MiscService : public SFService {
+class VORN_EXPORT MiscService : public SFService {
 public:
     explicit MiscService(ContextWrapper* context);
     ~MiscService() override;

@@ -1,9 +1,10 @@
 #ifndef VORN_SERVICES_MODEMSERVICE_H
 #define VORN_SERVICES_MODEMSERVICE_H
 
+#include "core/VornExport.h"
 #include "service/SFService.h"
 
-class ModemService : public SFService {
+class VORN_EXPORT ModemService : public SFService {
 public:
     explicit ModemService(ContextWrapper* context);
     ~ModemService() override;

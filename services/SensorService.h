@@ -1,9 +1,10 @@
 #ifndef VORN_SERVICES_SENSORSERVICE_H
 #define VORN_SERVICES_SENSORSERVICE_H
 
+#include "core/VornExport.h"
 #include "service/SFService.h"
 
-class SensorService : public SFService {
+class VORN_EXPORT SensorService : public SFService {
 public:
     explicit SensorService(ContextWrapper* context);
     ~SensorService() override;

@@ -168,4 +168,48 @@ TEST_F(ConfigFile, LargeAndOddButValidFilesAreRead) {
     EXPECT_EQ("caf\xc3\xa9\xff", cfg.GetConfig(MISC_SERVICE)->m_strFunc);
 }
 
+#ifdef VORN_HAL_PATH
+// The strict check names, with the key's path, each thing that the reader above passes over in
+// silence, and what the HAL lacks; a clean file gives no line.
+TEST_F(ConfigFile, CheckerNamesWhatTheReaderIgnoresAndWhatTheHalLacks) {
+    const std::string hal = VORN_HAL_PATH;
+    const std::string clean = dir.Write("clean.json", R"({
+      "misc": { "libpath": ")" + hal + R"(", "default_timeout": 15, "support": true,
+        "whitelist": [ "JXT", { "command": "JXT+MEMORY", "func": "memory_check_cmd" } ] },
+      "sensor": { "libpath": ")" + hal + R"(", "whitelist": [
+        { "commands": [ "JXT+GSENSOR" ], "func": "gsensor_operate_cmd", "timeout": 20 } ] },
+      "modem": { "support": false } })");
+    EXPECT_EQ(std::vector<std::string>{}, ConfigChecker::Check(clean));
+
+    const std::string missingLib = dir.path() + "/none.so";
+    const std::string bad = dir.Write("bad.json", R"({ "misic": { "support": true },
+      "misc": { "libpath": ")" + hal + R"(", "default_timeout": "30", "defualt_func": "x",
+        "whitelist": [ "JXT", 7, {}, { "timeout": 3 },
+          { "comand": "A", "command": "JXT+MEMORY", "func": "nope_cmd" },
+          { "commands": [ "A", 1 ], "timeout": -1 } ] },
+      "extra": { "default_timeout": 20 },
+      "sensor": { "libpath": ")" + missingLib + R"(" }, "modem": 7 })");
+    const std::vector<std::string> expected = {
+        "/misic: unknown service, ignored (services: misc, sensor, modem)",
+        "/misc/default_timeout: expected a whole number, found a string; ignored",
+        "/misc/defualt_func: unknown member, ignored",
+        "/misc/whitelist/1: expected a command or an object, found the number 7; the entry "
+        "repeats the command before it",
+        "/misc/whitelist/2: an empty entry repeats the command before it",
+        "/misc/whitelist/3: the entry names no \"command\" or \"commands\" and adds no command",
+        "/misc/whitelist/4/comand: unknown member, ignored",
+        "/misc/whitelist/5/commands: expected an array of strings, found an array",
+        "/misc/whitelist/5/timeout: expected a whole number from 0, found the number -1",
+        "/extra: unknown service; its members apply to \"misc\", the service named before it",
+        "/modem: expected an object, found the number 7; ignored",
+        "/misc/whitelist: \"JXT+MEMORY\": \"" + hal + "\" exports no function \"nope_cmd\"",
+        "/sensor/libpath: the HAL library \"" + missingLib + "\" does not load",
+    };
+    EXPECT_EQ(expected, ConfigChecker::Check(bad));
+    EXPECT_EQ(std::vector<std::string>{dir.path() + "/none.json: cannot be opened: No such file "
+                                                    "or directory"},
+              ConfigChecker::Check(dir.path() + "/none.json"));
+}
+#endif
+
 }  // namespace

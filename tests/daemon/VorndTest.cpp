@@ -138,4 +138,40 @@ TEST(VorndStartup, RejectsUnusableConfigurationAndBadOptions) {
     EXPECT_EQ(RunProgram({VORND_PATH, "--log-level", "7"}).status, 2);
 }
 
+TEST(VorndStartup, OptionsTakeTheirValueInEveryFormAndCheckConfigAnswersWithItsStatus) {
+    vorn_test::TempDir dir;
+    const std::string config =
+        dir.Write("vorn.json", "{ \"sensor\": { \"libpath\": \"/opt/test/libsensor_hal.so\" } }");
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{VORND_PATH, "--config=" + config, "-p"},
+          std::vector<std::string>{VORND_PATH, "-c" + config, "--print-config"},
+          std::vector<std::string>{VORND_PATH, "-l", "4", "-c", config, "-p"}}) {
+        const RunResult r = RunProgram(args);
+        EXPECT_EQ(r.status, 0) << args[1] << "\n" << r.err;
+        EXPECT_NE(r.out.find("/opt/test/libsensor_hal.so"), std::string::npos) << args[1];
+    }
+    RunResult r = RunProgram({VORND_PATH, "-V"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("vornd ", 0), 0u) << r.out;
+    r = RunProgram({VORND_PATH, "--help"});
+    EXPECT_NE(r.out.find("SIGHUP"), std::string::npos) << r.out;
+    r = RunProgram({VORND_PATH, "--print-config=yes"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("--print-config takes no value"), std::string::npos) << r.err;
+
+    // The strict check: every function of the built-in white lists found in the sample HAL, a
+    // misspelt service named.
+    const std::string hal = std::string("{ \"libpath\": \"") + VORN_HAL_PATH + "\" }";
+    r = RunProgram({VORND_PATH, "--check-config",
+                    dir.Write("clean.json", "{ \"misc\": " + hal + ", \"sensor\": " + hal +
+                                                ", \"modem\": " + hal + " }")});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.out, "");
+    const std::string typo = "{ \"sesnor\": { }, \"misc\": " + hal + ", \"sensor\": " + hal +
+                             ", \"modem\": " + hal + " }";
+    r = RunProgram({VORND_PATH, "--check-config=" + dir.Write("typo.json", typo)});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "/sesnor: unknown service, ignored (services: misc, sensor, modem)\n");
+}
+
 }  // namespace

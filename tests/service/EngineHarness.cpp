@@ -2,14 +2,16 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <signal.h>
+#include <unistd.h>
 
 namespace vorn_test {
 namespace {
 
 // Keeps the test HAL loaded for the whole process, so its state outlives every service.
 void* Hal() {
-    static void* handle = dlopen(VORN_TEST_HAL_PATH, RTLD_NOW);
+    static void* handle = dlopen(TestHal::Path().c_str(), RTLD_NOW);
     return handle;
 }
 
@@ -17,6 +19,23 @@ template <typename F>
 F HalFunc(const char* name) {
     return reinterpret_cast<F>(dlsym(Hal(), name));
 }
+
+}  // namespace
+
+std::string TestHal::Path() {
+    const std::string name = VORN_TEST_HAL_PATH;
+    if (name.find('/') != std::string::npos) return name;
+    char exe[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) return name;
+    const std::string self(exe, static_cast<size_t>(n));
+    const std::string dir = self.substr(0, self.rfind('/'));
+    for (const char* sub : {"/", "/lib64/", "/lib/"})
+        if (access((dir + sub + name).c_str(), R_OK) == 0) return dir + sub + name;
+    return name;
+}
+
+namespace {
 
 // Exposes the loop thread so that a signal can end it before the server is deleted.
 class TestCmdIOService : public CmdIOService {

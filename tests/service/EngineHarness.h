@@ -11,7 +11,9 @@ namespace vorn_test {
 
 // The test HAL's own controls (the library is shared with the services that load it).
 struct TestHal {
-    static std::string Path() { return VORN_TEST_HAL_PATH; }
+    // VORN_TEST_HAL_PATH; a bare file name (a device test module) is looked for next to the
+    // test program and in its lib64/ and lib/ folders.
+    static std::string Path();
     static void Reset();
     static void Release();
     static int Blocked();

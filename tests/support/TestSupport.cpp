@@ -182,13 +182,17 @@ void Client::Close() {
 }
 
 TempDir::TempDir() {
-    char tmpl[] = "/tmp/vorn_test_XXXXXX";
-    char* p = mkdtemp(tmpl);
-    m_path = p ? p : "/tmp";
+    // $TMPDIR first; a device has no /tmp, and its test runs use /data/local/tmp.
+    std::string base = getenv("TMPDIR") ? getenv("TMPDIR") : "";
+    if (base.empty()) base = access("/tmp", W_OK) == 0 ? "/tmp" : "/data/local/tmp";
+    std::string tmpl = base + "/vorn_test_XXXXXX";
+    char* p = mkdtemp(&tmpl[0]);
+    m_path = p ? tmpl : base;
+    m_owned = p != nullptr;
 }
 
 TempDir::~TempDir() {
-    if (m_path == "/tmp") return;
+    if (!m_owned) return;
     if (DIR* d = opendir(m_path.c_str())) {
         while (dirent* e = readdir(d)) {
             std::string n = e->d_name;

@@ -90,6 +90,7 @@ public:
 
 private:
     std::string m_path;
+    bool m_owned = false;  // false when no folder could be made and m_path is the base
 };
 
 // Number of threads and of open descriptors of this process.
