@@ -18,6 +18,7 @@ set(VORN_CORE_SOURCES
     config/ConfigManager.cpp
     routing/ContextWrapper.cpp
     routing/SFServiceManager.cpp
+    service/ServiceLifetime.cpp
     service/ServiceThread.cpp
     service/SFService.cpp
     service/SFServiceQueue.cpp

@@ -8,6 +8,7 @@
 #include "routing/ContextWrapper.h"
 #include "routing/ServiceManagerLock.h"
 #include "service/SFService.h"
+#include "service/ServiceLifetime.h"
 
 SFServiceManager* g_pServiceMgr = nullptr;
 
@@ -48,6 +49,9 @@ SFServiceManager::~SFServiceManager() {
 void SFServiceManager::AddService(int serviceId, SFService* service) {
     // A second service under a known id is neither stored nor deleted.
     m_services.emplace(serviceId, service);
+    // Whoever registers a service has finished building it: its threads may start.
+    if (service)
+        if (auto lifetime = ServiceLifetime::Find(service)) lifetime->MarkConstructed();
 }
 
 SFService* SFServiceManager::GetService(int serviceId) {

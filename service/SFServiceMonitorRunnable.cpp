@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 
 #include "platform/LogMessage.h"
 #include "service/SFService.h"
+#include "service/ServiceLifetime.h"
 
 namespace {
 // A byte that arrived in the instant the limit ran out means a request started or ended:
@@ -28,8 +30,11 @@ void SFServiceMonitorRunnable::Run() {
     }
     LogMessage(1, "VORN", "Run").stream()
         << "<" << service->GetServiceName() << "> monitor thread boot";
-    // Called without virtual dispatch: the service may still be under construction here.
-    service->SFService::OnStart();
+    // The service may still be under construction here: its own OnStart is called once the
+    // object is complete (registered with the manager, or given its first request).
+    const std::shared_ptr<ServiceLifetime> lifetime = ServiceLifetime::Find(service);
+    if (lifetime && !lifetime->AwaitConstructed()) return;
+    service->OnStart();
     char byte;
     while (!service->IsStopping()) {
         timeval left{0, 0};

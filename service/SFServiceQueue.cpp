@@ -13,6 +13,7 @@
 #include "platform/Thread.h"
 #include "routing/SFServiceManager.h"
 #include "service/SFService.h"
+#include "service/ServiceLifetime.h"
 
 namespace {
 // The engine keeps the reply text zero-terminated inside the 3172-byte record.
@@ -42,6 +43,8 @@ int SFService::EnQueue(SFMessage* msg) {
         return 0;
     }
     if (msg->direction == MSG_REQUEST) {
+        // A service given a request is complete: the monitor may start its threads.
+        if (auto lifetime = ServiceLifetime::Find(this)) lifetime->MarkConstructed();
         SFData* req = msg->GetRequestData();
         DUMPLOG("VORN", "[REQUEST]", req ? req->data : nullptr, req ? req->length : 0);
         m_reqQueue.enqueue(msg);

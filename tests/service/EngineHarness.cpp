@@ -61,7 +61,8 @@ std::string TestConfigJson() {
 })";
 }
 
-EngineHarness::EngineHarness(const std::string& configJson, bool start) {
+EngineHarness::EngineHarness(const std::string& configJson, bool start,
+                             const ServiceFactory& makeMisc) {
     Hal();
     TestHal::Reset();
     socketName = UniqueSocketName("engine");
@@ -69,7 +70,8 @@ EngineHarness::EngineHarness(const std::string& configJson, bool start) {
     cmdio = new TestCmdIOService(socketName.c_str());
     cfg = new ConfigManager();
     wrapper = ContextWrapper::Initialize(cmdio, cfg);
-    wrapper->AddAvailableService(MISC_SERVICE, new MiscService(wrapper));
+    wrapper->AddAvailableService(MISC_SERVICE,
+                                 makeMisc ? makeMisc(wrapper) : new MiscService(wrapper));
     wrapper->AddAvailableService(SENSOR_SERVICE, new SensorService(wrapper));
     wrapper->AddAvailableService(MODEM_SERVICE, new ModemService(wrapper));
     if (start) {

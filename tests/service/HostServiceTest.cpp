@@ -1,0 +1,67 @@
+// What a host program sees of the engine: its own services and overrides, shutting down with a
+// request in flight, the wrapper's lifetime, record limits and a pipe that cannot be rebuilt.
+// Built against vorn_core.h only, like a host.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+
+#include "EngineHarness.h"
+
+using namespace vorn_test;
+using std::chrono::milliseconds;
+
+namespace {
+
+std::atomic<int> g_onStartCalls{0};
+std::atomic<bool> g_onStartSawItComplete{false};
+std::atomic<int> g_timeoutHookCalls{0};
+
+// A host's misc service that starts itself, outlives its 1-second timeout on every request and
+// takes the timeout's recovery on itself.
+class SelfRecoveringService : public MiscService {
+public:
+    explicit SelfRecoveringService(ContextWrapper* context) : MiscService(context) {
+        // Lingers in its constructor, so that a monitor calling OnStart too early is seen.
+        Await([] { return g_onStartCalls > 0; }, milliseconds(200));
+        m_bComplete = true;
+    }
+    int OnStart() override {
+        g_onStartSawItComplete = m_bComplete.load();
+        ++g_onStartCalls;
+        return MiscService::OnStart();
+    }
+    bool OnHandleRequestTimeout(SFMessage*) override {
+        ++g_timeoutHookCalls;
+        m_bTimeoutHandling = false;  // recovered: the next request may run
+        return true;
+    }
+    SFRespData* DoRequest(SFMessage* msg, void* service) override {
+        Await([] { return g_timeoutHookCalls > 0; }, milliseconds(3000));
+        return MiscService::DoRequest(msg, service);
+    }
+
+private:
+    std::atomic<bool> m_bComplete{false};
+};
+
+TEST(HostService, OverridesOfOnStartAndOfTheTimeoutHookAreHonoured) {
+    g_onStartCalls = 0;
+    g_timeoutHookCalls = 0;
+    EngineHarness h(TestConfigJson(), true,
+                    [](ContextWrapper* w) { return new SelfRecoveringService(w); });
+    Reply r;
+    // The handler returns only after its timeout: the service handled that, so the handler's
+    // own reply is the one the client gets, and the request thread goes on serving.
+    ASSERT_TRUE(h.Ask("JXT+ECHO=late but kept", r));
+    EXPECT_EQ(0, r.result);
+    EXPECT_EQ("late but kept", r.response);
+    EXPECT_TRUE(h.log.Has("MISC_SERVICEservice has handled", "HandleRequestTimeout", 1));
+    ASSERT_TRUE(h.Ask("JXT+ECHO=next", r));
+    EXPECT_EQ("next", r.response);
+    EXPECT_EQ(1, g_timeoutHookCalls.load());
+    EXPECT_EQ(1, g_onStartCalls.load());
+    EXPECT_TRUE(g_onStartSawItComplete.load());
+}
+
+}  // namespace
