@@ -168,6 +168,10 @@ void SFService::StopServiceThreads() {
     if (m_pMonitorThread && m_pMonitorThread->thread) m_pMonitorThread->thread->Quiesce();
     if (m_pRequestThread && m_pRequestThread->thread) m_pRequestThread->thread->Quiesce();
     if (m_pResponseThread && m_pResponseThread->thread) m_pResponseThread->thread->Quiesce();
+    // A handler's thread, even one that a timeout left behind, may still be in the engine's
+    // code around its HAL call (checking the device command, converting the result): that
+    // must be over before anything is freed. A thread inside a HAL call is not waited for.
+    if (lifetime) lifetime->Close();
 }
 
 SFService::~SFService() {

@@ -24,6 +24,14 @@ const cmd_entry* FindRow(const std::list<cmd_entry*>& rows, const std::string& h
         if (header == row->command) return row;
     return nullptr;
 }
+
+// The handler span of one request: from OnHandleRequest to the end of the row's handler.
+struct HandlerSpan {
+    explicit HandlerSpan(const SFService* service)
+        : entered(ServiceLifetime::EnterHandler(ServiceLifetime::Find(service))) {}
+    ~HandlerSpan() { ServiceLifetime::LeaveHandler(); }
+    const bool entered;
+};
 }  // namespace
 
 int SFService::EnQueue(SFMessage* msg) {
@@ -99,7 +107,10 @@ int SFService::HandleRequest() {
     NotifyNewMessage(msg);  // the monitor starts timing it
 
     // Handlers are foreign code: if one outlives its timeout, the monitor takes the request
-    // away and this thread, once it comes back, leaves without touching anything shared.
+    // away and this thread, once it comes back, leaves without touching anything shared. The
+    // engine's own code inside them is waited for by the service's destruction.
+    HandlerSpan span(this);
+    if (!span.entered) return 0;  // the service is being destroyed
     Thread::BeginForeignCall();
     OnHandleRequest(msg);
     if (!Thread::EndForeignCall()) return 0;

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <vector>
 
 #include "EngineHarness.h"
 
@@ -62,6 +63,60 @@ TEST(HostService, OverridesOfOnStartAndOfTheTimeoutHookAreHonoured) {
     EXPECT_EQ(1, g_timeoutHookCalls.load());
     EXPECT_EQ(1, g_onStartCalls.load());
     EXPECT_TRUE(g_onStartSawItComplete.load());
+}
+
+std::atomic<bool> g_handlerStarted{false};
+std::atomic<bool> g_wrapperDeleted{false};
+std::atomic<bool> g_handlerSawDeletion{false};
+std::atomic<bool> g_handlerWaited{false};
+
+// A host's misc service whose DoRequest, once started, goes on to the HAL only when the wrapper
+// has been deleted, or after half a second if the deletion waits for it.
+class SlowToCallTheHal : public MiscService {
+public:
+    SlowToCallTheHal(ContextWrapper* context, bool ownConversion)
+        : MiscService(context), m_bOwnConversion(ownConversion) {}
+    SFRespData* DoRequest(SFMessage* msg, void* service) override {
+        const bool own = m_bOwnConversion;
+        g_handlerStarted = true;
+        g_handlerSawDeletion = Await([] { return g_wrapperDeleted.load(); }, milliseconds(500));
+        g_handlerWaited = true;
+        if (!own) return MiscService::DoRequest(msg, service);  // the built-in HAL call
+        // Written the natural way: the HAL call, then its conversion.
+        SFData* device = msg->GetDeviceCommandData();
+        std::vector<char> in, out;
+        if (device && device->data) in.assign(device->data, device->data + device->length);
+        const int rc = Execute(msg->GetSoFuncName(), &in, &out);
+        return ConvertPCBAResponse(msg, rc, out.data(), static_cast<int>(out.size()));
+    }
+
+private:
+    const bool m_bOwnConversion;
+};
+
+TEST(HostService, DeletingTheWrapperWaitsForTheEngineAroundAHalCall) {
+    for (bool ownConversion : {false, true}) {
+        SCOPED_TRACE(ownConversion ? "host conversion" : "built-in conversion");
+        g_handlerStarted = g_wrapperDeleted = g_handlerSawDeletion = g_handlerWaited = false;
+        EngineHarness h(TestConfigJson(), true, [ownConversion](ContextWrapper* w) {
+            return new SlowToCallTheHal(w, ownConversion);
+        });
+        h.AwaitAllServicesUp();
+        ASSERT_TRUE(h.client.Send("JXT+ECHO=x"));
+        ASSERT_TRUE(Await([] { return g_handlerStarted.load(); }));
+        h.cmdio->CmdIOCallback(nullptr, nullptr);
+        delete h.wrapper;  // the services go while the handler is before its HAL call
+        h.wrapper = nullptr;
+        g_wrapperDeleted = true;
+        ASSERT_TRUE(Await([] { return g_handlerWaited.load(); }));
+        EXPECT_FALSE(g_handlerSawDeletion.load());
+        // The host's own conversion would use the freed service: its thread stays in the call.
+        if (ownConversion) {
+            EXPECT_TRUE(h.log.AwaitLine(
+                "a HAL call came back after its service was destroyed; its thread stops here",
+                "ExcecuteFunc"));
+        }
+    }
 }
 
 }  // namespace
