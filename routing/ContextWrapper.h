@@ -1,6 +1,8 @@
 #ifndef VORN_ROUTING_CONTEXTWRAPPER_H
 #define VORN_ROUTING_CONTEXTWRAPPER_H
 
+#include <cstddef>
+
 #include "core/sf_response.h"
 
 class CmdIOService;
@@ -21,6 +23,12 @@ public:
     int SendInternalMessage(const char* data, int len);
     void AddAvailableService(int serviceId, SFService* service);
     int SendResponse(const sf_response* resp);
+
+    // The instance that Initialize hands out outlives its destruction as a wrapper without
+    // collaborators (Start and SendResponse refuse with 1001), since a later Initialize returns
+    // it again. Any other wrapper is freed as usual.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* object) noexcept;
 
     // The configuration file the constructor reads; "/vendor/etc/vorn.json" unless a host (or
     // a test) names another before Initialize.

@@ -69,7 +69,7 @@ EngineHarness::EngineHarness(const std::string& configJson, bool start,
     ContextWrapper::SetConfigFilePath(dir.Write("vorn.json", configJson).c_str());
     cmdio = new TestCmdIOService(socketName.c_str());
     cfg = new ConfigManager();
-    wrapper = ContextWrapper::Initialize(cmdio, cfg);
+    wrapper = new ContextWrapper(cmdio, cfg);
     wrapper->AddAvailableService(MISC_SERVICE,
                                  makeMisc ? makeMisc(wrapper) : new MiscService(wrapper));
     wrapper->AddAvailableService(SENSOR_SERVICE, new SensorService(wrapper));
@@ -84,6 +84,8 @@ EngineHarness::~EngineHarness() {
     // Blocked handlers are let go first, so their threads end instead of piling up.
     if (releaseOnExit) TestHal::Release();
     client.Close();
+    // The wrapper leaves the front end alone: as a host, stop commands reaching it first.
+    if (cmdio) cmdio->CmdIOCallback(nullptr, nullptr);
     delete wrapper;
     StopLoopThread();
     delete cmdio;

@@ -26,6 +26,7 @@ std::string TestConfigJson();
 // The host's start-up sequence, in this process: command I/O service on a fresh socket name,
 // configuration (from `configJson`), context wrapper, the three services (the misc one from
 // `makeMisc` when given: a host's own service), Start. The destructor shuts it all down again.
+// The wrapper is constructed directly: Initialize hands out one instance per process for good.
 class EngineHarness {
 public:
     using ServiceFactory = std::function<SFService*(ContextWrapper*)>;

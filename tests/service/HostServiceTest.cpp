@@ -119,4 +119,31 @@ TEST(HostService, DeletingTheWrapperWaitsForTheEngineAroundAHalCall) {
     }
 }
 
+TEST(HostService, WrapperLeavesTheFrontEndAloneAndStaysTheInstance) {
+    LogCapture log;
+    TempDir dir;
+    ContextWrapper::SetConfigFilePath(dir.Write("vorn.json", "{}").c_str());
+    auto* cmdio = new CmdIOService(UniqueSocketName("host").c_str());
+    auto* cfg = new ConfigManager();
+    ContextWrapper* wrapper = ContextWrapper::Initialize(cmdio, cfg);
+    const int reads = log.CountContaining("Json file");
+    ConfigManager other;
+    EXPECT_EQ(wrapper, ContextWrapper::Initialize(nullptr, &other));
+    EXPECT_EQ(reads, log.CountContaining("Json file"));
+    EXPECT_EQ(cfg, wrapper->m_pCfgMgr);
+    wrapper->AddAvailableService(MISC_SERVICE, new MiscService(wrapper));
+    delete cmdio;  // the host releases its front end first
+    delete wrapper;
+    EXPECT_EQ(nullptr, SFServiceManager::GetServiceManager());
+    // The same instance again, now without collaborators: the arguments are ignored.
+    CmdIOService spare(UniqueSocketName("spare").c_str());
+    EXPECT_EQ(wrapper, ContextWrapper::Initialize(&spare, &other));
+    EXPECT_EQ(reads, log.CountContaining("Json file"));
+    EXPECT_EQ(1001, wrapper->Start());
+    EXPECT_TRUE(log.Has("m_pCmdIOService is null", "Start", 4));
+    EXPECT_EQ(1001, ContextWrapper::CmdIOCallback("JXT", 3, wrapper));
+    delete cfg;
+    ContextWrapper::SetConfigFilePath(nullptr);
+}
+
 }  // namespace
