@@ -16,8 +16,10 @@
 #include "service/ServiceLifetime.h"
 
 namespace {
-// The engine keeps the reply text zero-terminated inside the 3172-byte record.
+// The OnHandleResponse hooks keep their text zero-terminated inside the 3172-byte record.
 constexpr uint32_t kMaxRecord = sizeof(sf_response::text) - 1;
+// A formatted reply fills the record's whole text area: the front end refuses only more.
+constexpr uint32_t kMaxReply = sizeof(sf_response::text);
 
 const cmd_entry* FindRow(const std::list<cmd_entry*>& rows, const std::string& header) {
     for (const cmd_entry* row : rows)
@@ -152,12 +154,17 @@ int SFService::HandleResponse() {
     SFData* req = msg->GetRequestData();
     uint32_t reqLen = req ? req->length : 0;
     uint32_t respLen = resp ? resp->length : 0;
-    // A record must fit the reply record: the response bytes are cut first, then the echoed
-    // command, so that the client always gets a well-formed record.
-    if (12 + uint64_t(reqLen) + respLen > kMaxRecord) {
+    // A record must fit the reply record, so that the client always gets a well-formed one.
+    // The echoed command gives way to the response, as in error replies; only a response
+    // that cannot fit on its own is cut, and then the echo is kept.
+    if (12 + uint64_t(reqLen) + respLen > kMaxReply) {
         const uint32_t oldReq = reqLen, oldResp = respLen;
-        reqLen = std::min<uint32_t>(reqLen, kMaxRecord - 12);
-        respLen = std::min<uint32_t>(respLen, kMaxRecord - 12 - reqLen);
+        if (respLen <= kMaxReply - 12) {
+            reqLen = kMaxReply - 12 - respLen;
+        } else {
+            reqLen = std::min<uint32_t>(reqLen, kMaxReply - 12);
+            respLen = kMaxReply - 12 - reqLen;
+        }
         LogMessage(3, "VORN", "HandleResponse").stream()
             << m_strServiceName << " reply cut to fit the record: request " << oldReq << "->"
             << reqLen << ", response " << oldResp << "->" << respLen;
