@@ -146,4 +146,33 @@ TEST(HostService, WrapperLeavesTheFrontEndAloneAndStaysTheInstance) {
     ContextWrapper::SetConfigFilePath(nullptr);
 }
 
+TEST(HostService, RecordsFillTheWholeStagingRecordAndLongQueriesAreServed) {
+    EngineHarness h;
+    Reply r;
+    // 12 + 12 + 3148 = 3172 bytes: every response byte arrives.
+    ASSERT_TRUE(h.Ask("JXT+BIG=3148", r));
+    EXPECT_EQ(0, r.result);
+    EXPECT_EQ("JXT+BIG=3148", r.request);
+    EXPECT_EQ(3148u, r.response.size());
+    // A response that fits keeps all its bytes; the echoed command gives way.
+    const std::string padded = "JXT+BIG=3000" + std::string(1000, 'x');
+    ASSERT_TRUE(h.Ask(padded, r));
+    EXPECT_EQ(3000u, r.response.size());
+    EXPECT_EQ(3172u - 12 - 3000, r.request.size());
+    EXPECT_EQ(0u, padded.find(r.request));
+    // A query of 3172 bytes and more is its header, "JXT".
+    for (size_t tail : {3168u, 5000u}) {
+        const std::string query = "JXT?" + std::string(tail, 'q');
+        ASSERT_TRUE(h.Ask(query, r)) << tail;
+        EXPECT_EQ(0, r.result) << tail;
+        EXPECT_EQ("", r.response);
+        EXPECT_EQ(3160u, r.request.size());
+        EXPECT_EQ(0u, query.find(r.request));
+    }
+    // With "=", the vendor form would not fit: refused, with the error text whole.
+    ASSERT_TRUE(h.Ask("JXT+ECHO=" + std::string(3200, 'p'), r));
+    EXPECT_EQ(1001, r.result);
+    EXPECT_EQ("1001:Normal error\r\n", r.response);
+}
+
 }  // namespace
