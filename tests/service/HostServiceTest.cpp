@@ -2,9 +2,12 @@
 // request in flight, the wrapper's lifetime, record limits and a pipe that cannot be rebuilt.
 // Built against vorn_core.h only, like a host.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <thread>
 #include <vector>
 
 #include "EngineHarness.h"
@@ -173,6 +176,33 @@ TEST(HostService, RecordsFillTheWholeStagingRecordAndLongQueriesAreServed) {
     ASSERT_TRUE(h.Ask("JXT+ECHO=" + std::string(3200, 'p'), r));
     EXPECT_EQ(1001, r.result);
     EXPECT_EQ("1001:Normal error\r\n", r.response);
+}
+
+TEST(HostService, MonitorPausesWhileItsPipeCannotBeRebuilt) {
+    EngineHarness h;
+    h.AwaitAllServicesUp();
+    SFService* misc = SFServiceManager::GetServiceManager()->GetService(MISC_SERVICE);
+    rlimit saved{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    rlimit none = saved;
+    none.rlim_cur = 3;  // no descriptor above stdin, stdout and stderr
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+    // The write end goes: the monitor reads the end of the pipe and cannot build a new one.
+    close(misc->m_nMsgPipeW.exchange(-1));
+    const bool failing =
+        h.log.AwaitLine("MISC_SERVICE Command pipe create fail", "OpenMessagePipe");
+    std::this_thread::sleep_for(milliseconds(300));  // the span in which attempts are counted
+    const int attempts = h.log.Count("MISC_SERVICE Command pipe create fail");
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    ASSERT_TRUE(failing);
+    EXPECT_LE(attempts, 10);
+    EXPECT_EQ(1, h.log.CountContaining("message pipe cannot be rebuilt"));
+    // Back within the longest pause once descriptors are free again, and said once.
+    EXPECT_TRUE(Await([&] { return h.log.CountContaining("message pipe rebuilt after") == 1; },
+                      milliseconds(3000)));
+    Reply r;
+    ASSERT_TRUE(h.Ask("JXT+ECHO=again", r));
+    EXPECT_EQ("again", r.response);
 }
 
 }  // namespace
