@@ -1,6 +1,7 @@
 #include "routing/ContextWrapper.h"
 
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "config/ConfigManager.h"
@@ -52,8 +53,13 @@ ContextWrapper::~ContextWrapper() {
 
 void* ContextWrapper::operator new(std::size_t size) { return ::operator new(size); }
 
+ContextWrapper::ContextWrapper() : m_pCmdIOService(nullptr), m_pCfgMgr(nullptr) {}
+
 void ContextWrapper::operator delete(void* object) noexcept {
-    if (object == g_pContextWrapper) return;  // handed out again by Initialize
+    if (object == g_pContextWrapper) {
+        ::new (object) ContextWrapper();  // handed out again by Initialize: a live object
+        return;
+    }
     ::operator delete(object);
 }
 

@@ -24,9 +24,9 @@ public:
     void AddAvailableService(int serviceId, SFService* service);
     int SendResponse(const sf_response* resp);
 
-    // The instance that Initialize hands out outlives its destruction as a wrapper without
-    // collaborators (Start and SendResponse refuse with 1001), since a later Initialize returns
-    // it again. Any other wrapper is freed as usual.
+    // The instance that Initialize hands out is, once deleted, rebuilt in place as a wrapper
+    // without collaborators (Start and SendResponse refuse with 1001), since a later Initialize
+    // returns it again. Any other wrapper is freed as usual.
     static void* operator new(std::size_t size);
     static void operator delete(void* object) noexcept;
 
@@ -37,6 +37,9 @@ public:
 
     CmdIOService* m_pCmdIOService;
     ConfigManager* m_pCfgMgr;
+
+private:
+    ContextWrapper();  // without collaborators, silently: what a deleted instance becomes
 };
 
 #endif
