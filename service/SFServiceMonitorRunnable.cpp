@@ -23,8 +23,9 @@ bool PipeHasData(int fd) {
     return select(fd + 1, &set, nullptr, nullptr, &zero) > 0;
 }
 
-// Rebuilds the pipe. When that fails (no descriptor left), the monitor pauses before the next
-// try, a little longer each time up to a second, and says so once with a count when it is back.
+// Rebuilds the pipe. When that fails (no descriptor left, or none that select can watch), the
+// monitor pauses before the next try, a little longer each time up to a second, and says so
+// once with a count when it is back.
 class PipeRebuilder {
 public:
     PipeRebuilder(SFService* service, std::shared_ptr<ServiceLifetime> lifetime)
@@ -32,7 +33,8 @@ public:
 
     void Rebuild() {
         m_service->OpenMessagePipe();
-        if (m_service->m_nMsgPipeR != -1) {
+        const int fd = m_service->m_nMsgPipeR;
+        if (fd != -1 && fd < FD_SETSIZE) {
             if (m_failures > 0)
                 LogMessage(3, "VORN", "Run").stream()
                     << m_service->GetServiceName() << " message pipe rebuilt after " << m_failures
