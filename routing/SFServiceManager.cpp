@@ -39,6 +39,10 @@ void SFServiceManager::Release() {
 SFServiceManager::SFServiceManager(ContextWrapper* context) : m_pContext(context) {}
 
 SFServiceManager::~SFServiceManager() {
+    // Every service's threads are out of the engine's code before any destructor starts: a
+    // handler still inside would otherwise see a host subclass's part destroyed under it.
+    for (auto& entry : m_services)
+        if (entry.second) entry.second->StopServiceThreads();
     for (auto& entry : m_services) {
         delete entry.second;
         entry.second = nullptr;

@@ -188,7 +188,10 @@ TEST(HostService, MonitorPausesWhileItsPipeCannotBeRebuilt) {
     none.rlim_cur = 3;  // no descriptor above stdin, stdout and stderr
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
     // The write end goes: the monitor reads the end of the pipe and cannot build a new one.
-    close(misc->m_nMsgPipeW.exchange(-1));
+    pthread_mutex_lock(&misc->m_mtxPipeWrite);
+    const int writeEnd = misc->m_nMsgPipeW.exchange(-1);
+    pthread_mutex_unlock(&misc->m_mtxPipeWrite);
+    close(writeEnd);
     const bool failing =
         h.log.AwaitLine("MISC_SERVICE Command pipe create fail", "OpenMessagePipe");
     std::this_thread::sleep_for(milliseconds(300));  // the span in which attempts are counted
