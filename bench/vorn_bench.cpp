@@ -40,7 +40,7 @@ using Clock = std::chrono::steady_clock;
 
 // Protocol constants of the daemon's socket front end.
 constexpr size_t kMaxTransmission = 24576;  // 8 chunks of 3072 bytes: one transmission at most
-constexpr size_t kMaxRecord = 3171;         // a reply record never exceeds this
+constexpr size_t kMaxRecord = 3172;         // a reply record never exceeds this
 constexpr size_t kRecordOverhead = 12;      // int32 result, uint32 R, uint32 S
 
 // ---------------------------------------------------------------------------------------------

@@ -20,6 +20,7 @@ set(VORN_CORE_SOURCES
     config/ConfigChecker.cpp
     routing/ContextWrapper.cpp
     routing/SFServiceManager.cpp
+    service/ServiceLifetime.cpp
     service/ServiceThread.cpp
     service/SFService.cpp
     service/SFServiceQueue.cpp

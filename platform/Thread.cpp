@@ -8,8 +8,9 @@
 #include <vector>
 
 namespace {
-enum Phase { kNotStarted, kRunning, kInCall, kPreempted, kDone };
-}
+// kClaimed: inside a foreign call that an owner is deciding whether to take away.
+enum Phase { kNotStarted, kRunning, kInCall, kClaimed, kPreempted, kDone };
+}  // namespace
 
 struct ThreadState {
     Runnable* runnable = nullptr;
@@ -63,8 +64,8 @@ Thread::~Thread() {
     {
         std::lock_guard<std::mutex> lock(m_state->lock);
         m_state->abandoned.store(true);
-        int expected = kInCall;
-        m_state->phase.compare_exchange_strong(expected, kPreempted);
+        const int current = m_state->phase.load();
+        if (current == kInCall || current == kClaimed) m_state->phase.store(kPreempted);
         // A thread that never ran, or has ended, will never run its cleanups itself.
         const int phase = m_state->phase.load();
         if (phase == kNotStarted || phase == kDone) cleanups.swap(m_state->cleanups);
@@ -100,6 +101,22 @@ bool Thread::Preempt() {
     return done;
 }
 
+bool Thread::Claim() {
+    std::lock_guard<std::mutex> lock(m_state->lock);
+    int expected = kInCall;
+    return m_state->phase.compare_exchange_strong(expected, kClaimed);
+}
+
+void Thread::Resolve(bool takeAway) {
+    {
+        std::lock_guard<std::mutex> lock(m_state->lock);
+        if (m_state->phase.load() != kClaimed) return;
+        m_state->phase.store(takeAway ? kPreempted : kInCall);
+        if (takeAway) m_state->abandoned.store(true);
+    }
+    m_state->changed.notify_all();
+}
+
 void Thread::Quiesce() {
     std::unique_lock<std::mutex> lock(m_state->lock);
     m_state->changed.wait(lock, [this] {
@@ -109,7 +126,7 @@ void Thread::Quiesce() {
             m_state->abandoned.store(true);
             return true;
         }
-        return phase != kRunning;
+        return phase != kRunning && phase != kClaimed;  // a claim is resolved by its owner
     });
 }
 
@@ -141,7 +158,9 @@ bool Thread::EndForeignCall() {
     std::vector<std::function<void()>> cleanups;
     bool mine = true;
     {
-        std::lock_guard<std::mutex> lock(s->lock);
+        std::unique_lock<std::mutex> lock(s->lock);
+        // An owner that holds the call is deciding whether to take it away: wait for that.
+        s->changed.wait(lock, [s] { return s->phase.load() != kClaimed; });
         if (s->phase.load() == kInCall) {
             s->phase.store(kRunning);
         } else {

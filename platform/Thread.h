@@ -29,6 +29,11 @@ public:
     // Owner side. If the thread is inside a foreign call, takes the call away from it: the
     // thread will find EndForeignCall false. True when it did so.
     bool Preempt();
+    // Owner side, in two steps: Claim holds a thread that is inside a foreign call where it is
+    // (coming back, it waits in EndForeignCall) and is true when it did so; Resolve then either
+    // takes the call away (as Preempt) or hands it back untouched.
+    bool Claim();
+    void Resolve(bool takeAway);
     // Owner side: waits until the thread has left engine code, that is until it has ended, has
     // not started, or sits in a foreign call (which is then preempted). The owner must first
     // give the thread a reason to leave its loop (a stop flag and a wake-up).

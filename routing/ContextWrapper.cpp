@@ -1,6 +1,7 @@
 #include "routing/ContextWrapper.h"
 
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "config/ConfigManager.h"
@@ -40,14 +41,26 @@ ContextWrapper::ContextWrapper(CmdIOService* cmdio, ConfigManager* cfg)
     SFServiceManager::Initialize(this);
 }
 
+// The command I/O service is not the wrapper's: the host may have deleted it already, so it is
+// not touched here. The static instance stays as it is; a later Initialize returns it.
 ContextWrapper::~ContextWrapper() {
-    // No command may reach the wrapper once it is going: the front end drops them from here
-    // on (and this waits for one already under way).
-    if (m_pCmdIOService) m_pCmdIOService->CmdIOCallback(nullptr, nullptr);
     SFServiceManager::Release();
-    // The instance pointer is forgotten with the object, so that a later Initialize builds a
-    // new wrapper instead of handing out a deleted one.
-    if (g_pContextWrapper == this) g_pContextWrapper = nullptr;
+    // A command under way finishes first; any later one finds no collaborators and no manager.
+    std::unique_lock<std::shared_mutex> lock(ServiceManagerLifetimeLock());
+    m_pCmdIOService = nullptr;
+    m_pCfgMgr = nullptr;
+}
+
+void* ContextWrapper::operator new(std::size_t size) { return ::operator new(size); }
+
+ContextWrapper::ContextWrapper() : m_pCmdIOService(nullptr), m_pCfgMgr(nullptr) {}
+
+void ContextWrapper::operator delete(void* object) noexcept {
+    if (object == g_pContextWrapper) {
+        ::new (object) ContextWrapper();  // handed out again by Initialize: a live object
+        return;
+    }
+    ::operator delete(object);
 }
 
 int ContextWrapper::Start() {
@@ -63,12 +76,28 @@ int ContextWrapper::CmdIOCallback(const char* data, int len, void* user) {
     return static_cast<ContextWrapper*>(user)->SendMessage(data, len);
 }
 
+namespace {
+// SendInternalMessage past its argument check, with the lifetime lock held shared by the caller.
+int RouteCommand(const char* data, int len) {
+    SFServiceManager* manager = SFServiceManager::GetServiceManager();
+    if (!manager) {
+        LogMessage(4, "VORN", "SendInternalMessage").stream() << "service manger is null!!!";
+        return 1001;
+    }
+    if (manager->HandleRequest(data, len)) return 0;
+    LogMessage(4, "VORN", "SendInternalMessage").stream() << "Handle Command ERROR!!!";
+    return 1001;
+}
+}  // namespace
+
 int ContextWrapper::SendMessage(const char* data, int len) {
     if (!data || len == 0) {
         LogMessage(4, "VORN", "SendMessage").stream() << "RequestService is null";
         return 1008;
     }
-    const int rc = SendInternalMessage(data, len);
+    // Held through the error reply too: the destructor clears the collaborators under it.
+    std::shared_lock<std::shared_mutex> lock(ServiceManagerLifetimeLock());
+    const int rc = RouteCommand(data, len);
     if (rc == 0) return 0;
     if (m_pCmdIOService) m_pCmdIOService->ErrorResponse(data, static_cast<unsigned>(len), rc);
     return rc;
@@ -79,19 +108,8 @@ int ContextWrapper::SendInternalMessage(const char* data, int len) {
         LogMessage(4, "VORN", "SendInternalMessage").stream() << "Input buffer is null";
         return 1008;
     }
-    bool handled;
-    {
-        std::shared_lock<std::shared_mutex> lock(ServiceManagerLifetimeLock());
-        SFServiceManager* manager = SFServiceManager::GetServiceManager();
-        if (!manager) {
-            LogMessage(4, "VORN", "SendInternalMessage").stream() << "service manger is null!!!";
-            return 1001;
-        }
-        handled = manager->HandleRequest(data, len);
-    }
-    if (handled) return 0;
-    LogMessage(4, "VORN", "SendInternalMessage").stream() << "Handle Command ERROR!!!";
-    return 1001;
+    std::shared_lock<std::shared_mutex> lock(ServiceManagerLifetimeLock());
+    return RouteCommand(data, len);
 }
 
 void ContextWrapper::AddAvailableService(int serviceId, SFService* service) {

@@ -9,6 +9,7 @@
 #include "routing/ContextWrapper.h"
 #include "routing/ServiceManagerLock.h"
 #include "service/SFService.h"
+#include "service/ServiceLifetime.h"
 
 SFServiceManager* g_pServiceMgr = nullptr;
 
@@ -39,6 +40,10 @@ void SFServiceManager::Release() {
 SFServiceManager::SFServiceManager(ContextWrapper* context) : m_pContext(context) {}
 
 SFServiceManager::~SFServiceManager() {
+    // Every service's threads are out of the engine's code before any destructor starts: a
+    // handler still inside would otherwise see a host subclass's part destroyed under it.
+    for (auto& entry : m_services)
+        if (entry.second) entry.second->StopServiceThreads();
     for (auto& entry : m_services) {
         delete entry.second;
         entry.second = nullptr;
@@ -49,6 +54,9 @@ SFServiceManager::~SFServiceManager() {
 void SFServiceManager::AddService(int serviceId, SFService* service) {
     // A second service under a known id is neither stored nor deleted.
     m_services.emplace(serviceId, service);
+    // Whoever registers a service has finished building it: its threads may start.
+    if (service)
+        if (auto lifetime = ServiceLifetime::Find(service)) lifetime->MarkConstructed();
 }
 
 SFService* SFServiceManager::GetService(int serviceId) {

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "platform/LogMessage.h"
+#include "service/ServiceLifetime.h"
 
 namespace {
 // Rows of services already destroyed: the vendor-command table keeps pointing at their command
@@ -35,6 +36,8 @@ SFService::SFService(ContextWrapper* context, int serviceId)
       m_pDllParser(nullptr),
       m_bStopping(false),
       m_nCurReqTimeout(0) {
+    // Before the monitor thread exists: it looks the extras up as it boots.
+    ServiceLifetime::Create(this);
     m_pDllParser = new DllParser();
     m_pDllParser->SetTag("VORN");
     pthread_mutex_init(&m_mtxPipeWrite, nullptr);
@@ -146,7 +149,10 @@ const char* SFService::GetServiceName() { return m_strServiceName.c_str(); }
 
 void SFService::StopServiceThreads() {
     if (m_bStopping.exchange(true)) return;
-    // Wake every wait of the three loops: the queues' conditions and the monitor's select.
+    const std::shared_ptr<ServiceLifetime> lifetime = ServiceLifetime::Find(this);
+    // Wake every wait of the three loops: the queues' conditions and the monitor's select (or
+    // its wait for the object to be complete, or its pause).
+    if (lifetime) lifetime->Stop();
     m_reqQueue.SetActive(false);
     m_respQueue.SetActive(false);
     pthread_mutex_lock(&m_mtxPipeWrite);
@@ -162,6 +168,10 @@ void SFService::StopServiceThreads() {
     if (m_pMonitorThread && m_pMonitorThread->thread) m_pMonitorThread->thread->Quiesce();
     if (m_pRequestThread && m_pRequestThread->thread) m_pRequestThread->thread->Quiesce();
     if (m_pResponseThread && m_pResponseThread->thread) m_pResponseThread->thread->Quiesce();
+    // A handler's thread, even one that a timeout left behind, may still be in the engine's
+    // code around its HAL call (checking the device command, converting the result): that
+    // must be over before anything is freed. A thread inside a HAL call is not waited for.
+    if (lifetime) lifetime->Close();
 }
 
 SFService::~SFService() {
@@ -194,6 +204,7 @@ SFService::~SFService() {
     delete m_pDllParser;
     m_pDllParser = nullptr;
     // The rows stay: the vendor-command table keeps pointing at their command texts.
+    ServiceLifetime::Erase(this);
     std::lock_guard<std::mutex> lock(g_retiredRowsLock);
     g_retiredRows->splice(g_retiredRows->end(), m_cmdList);
 }

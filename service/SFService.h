@@ -99,7 +99,9 @@ public:
     int HalFree(void* block);
 
     // Calls the HAL function `name` with signature R(Args...). The library stays mapped for the
-    // call even if the service is torn down meanwhile.
+    // call even if the service is torn down meanwhile. Only the call itself may outlive the
+    // service: a call that comes back after it was destroyed does not return to its caller
+    // (see UnwindingCaller), since the caller's next step would reach the freed service.
     template <typename R, typename... Args>
     static R ExcecuteFunc(DllParser* parser, const std::string& name, Args... args) {
         std::function<R(Args...)> func;
@@ -109,8 +111,33 @@ public:
         if (LogMessage::IsOn(2))
             LogMessage(2, parser->GetTag().c_str(), "ExcecuteFunc").stream()
                 << "Execute(" << name << ")";
+        struct Return {
+            ~Return() { ReturnFromHal(); }
+        } comeBack;
+        DetachFromService();
         return func(args...);
     }
+
+    // A handler's thread is inside its service, and the service's destruction waits for it,
+    // except between these two calls, around a HAL call or a wait that touches nothing of the
+    // service. ReattachToService is false when the service was destroyed meanwhile: the caller
+    // must then leave without touching it. Outside a request handler both do nothing.
+    static void DetachFromService();
+    static bool ReattachToService();
+    // ReattachToService for ExcecuteFunc: when the service is gone and the caller is no
+    // UnwindingCaller, the thread stays in here for good.
+    static void ReturnFromHal();
+    // Held by code that checks ServiceGone() (or Thread::IsCurrentAbandoned()) after each HAL
+    // call and then leaves without touching the service: its HAL calls always come back.
+    class UnwindingCaller {
+    public:
+        UnwindingCaller();
+        ~UnwindingCaller();
+        UnwindingCaller(const UnwindingCaller&) = delete;
+        UnwindingCaller& operator=(const UnwindingCaller&) = delete;
+        // True when a HAL call came back after the service was destroyed.
+        bool ServiceGone() const;
+    };
 
     // Is the service being destroyed? Thread loops leave when it is.
     bool IsStopping() const { return m_bStopping.load(std::memory_order_acquire); }

@@ -74,11 +74,15 @@ bool SFService::OnHandleCommand(const char* command, int len) {
     }
     if (LogMessage::IsOn(1))
         LogMessage(1, "VORN", "OnHandleCommand").stream() << "Begin<<<<<<<<<<<<<<<<<";
-    // The vendor form of a command is never longer than the command; one that cannot fit the
-    // scratch buffer, or that no service registered, has no row to match.
+    // The vendor form of a command with "=" is as long as the command, so one that cannot fit
+    // the scratch buffer has no row to match: a cut parameter would reach the HAL. Without "="
+    // the vendor form is the header alone, which fits however long the query behind it.
     int vendorLen = 0;
     std::memset(m_pVendorCmdBuf, 0, sizeof(sf_response::text));
-    if (len > 0 && len < static_cast<int>(sizeof(sf_response::text)))
+    const long equals = SFCommandParser::FindEqualSymbol(command);
+    const bool fits = len < static_cast<int>(sizeof(sf_response::text)) || equals < 0 ||
+                      equals >= static_cast<long>(len);
+    if (len > 0 && fits)
         SFCommandParser::ProductCmd2VendorCmd(command, len, m_pVendorCmdBuf, vendorLen);
     std::string vendor(m_pVendorCmdBuf);
     std::string header;

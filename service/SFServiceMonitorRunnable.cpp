@@ -3,10 +3,14 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <memory>
 
 #include "platform/LogMessage.h"
 #include "service/SFService.h"
+#include "service/ServiceLifetime.h"
 
 namespace {
 // A byte that arrived in the instant the limit ran out means a request started or ended:
@@ -18,6 +22,42 @@ bool PipeHasData(int fd) {
     timeval zero{0, 0};
     return select(fd + 1, &set, nullptr, nullptr, &zero) > 0;
 }
+
+// Rebuilds the pipe. When that fails (no descriptor left, or none that select can watch), the
+// monitor pauses before the next try, a little longer each time up to a second, and says so
+// once with a count when it is back.
+class PipeRebuilder {
+public:
+    PipeRebuilder(SFService* service, std::shared_ptr<ServiceLifetime> lifetime)
+        : m_service(service), m_lifetime(std::move(lifetime)) {}
+
+    void Rebuild() {
+        m_service->OpenMessagePipe();
+        const int fd = m_service->m_nMsgPipeR;
+        if (fd != -1 && fd < FD_SETSIZE) {
+            if (m_failures > 0)
+                LogMessage(3, "VORN", "Run").stream()
+                    << m_service->GetServiceName() << " message pipe rebuilt after " << m_failures
+                    << " failed attempts";
+            m_failures = 0;
+            m_pause = kFirstPause;
+            return;
+        }
+        if (m_failures++ == 0)
+            LogMessage(4, "VORN", "Run").stream()
+                << m_service->GetServiceName() << " message pipe cannot be rebuilt; retrying";
+        if (m_lifetime) m_lifetime->Pause(m_pause);
+        m_pause = std::min(m_pause * 2, kLongestPause);
+    }
+
+private:
+    static constexpr std::chrono::milliseconds kFirstPause{10};
+    static constexpr std::chrono::milliseconds kLongestPause{1000};
+    SFService* m_service;
+    std::shared_ptr<ServiceLifetime> m_lifetime;
+    long m_failures = 0;
+    std::chrono::milliseconds m_pause = kFirstPause;
+};
 }  // namespace
 
 void SFServiceMonitorRunnable::Run() {
@@ -28,15 +68,19 @@ void SFServiceMonitorRunnable::Run() {
     }
     LogMessage(1, "VORN", "Run").stream()
         << "<" << service->GetServiceName() << "> monitor thread boot";
-    // Called without virtual dispatch: the service may still be under construction here.
-    service->SFService::OnStart();
+    // The service may still be under construction here: its own OnStart is called once the
+    // object is complete (registered with the manager, or given its first request).
+    const std::shared_ptr<ServiceLifetime> lifetime = ServiceLifetime::Find(service);
+    if (lifetime && !lifetime->AwaitConstructed()) return;
+    service->OnStart();
+    PipeRebuilder pipe(service, lifetime);
     char byte;
     while (!service->IsStopping()) {
         timeval left{0, 0};
         const int r = service->CalculateRequestTimeout(&left);
         const int fd = service->m_nMsgPipeR;
         if (fd < 0 || fd >= FD_SETSIZE) {
-            service->OpenMessagePipe();
+            pipe.Rebuild();
             continue;
         }
         fd_set set;
@@ -57,11 +101,11 @@ void SFServiceMonitorRunnable::Run() {
         if (!FD_ISSET(fd, &set)) continue;
         const ssize_t k = read(fd, &byte, 1);
         if (k < 0) {
-            if (errno != EINTR && errno != EAGAIN) service->OpenMessagePipe();
+            if (errno != EINTR && errno != EAGAIN) pipe.Rebuild();
             continue;
         }
         if (k == 0) {
-            service->OpenMessagePipe();
+            pipe.Rebuild();
             continue;
         }
         // Whatever the byte says, a request started or ended: the timer starts again.

@@ -13,16 +13,27 @@
 #include "platform/Thread.h"
 #include "routing/SFServiceManager.h"
 #include "service/SFService.h"
+#include "service/ServiceLifetime.h"
 
 namespace {
-// The engine keeps the reply text zero-terminated inside the 3172-byte record.
+// The OnHandleResponse hooks keep their text zero-terminated inside the 3172-byte record.
 constexpr uint32_t kMaxRecord = sizeof(sf_response::text) - 1;
+// A formatted reply fills the record's whole text area: the front end refuses only more.
+constexpr uint32_t kMaxReply = sizeof(sf_response::text);
 
 const cmd_entry* FindRow(const std::list<cmd_entry*>& rows, const std::string& header) {
     for (const cmd_entry* row : rows)
         if (header == row->command) return row;
     return nullptr;
 }
+
+// The handler span of one request: from OnHandleRequest to the end of the row's handler.
+struct HandlerSpan {
+    explicit HandlerSpan(const SFService* service)
+        : entered(ServiceLifetime::EnterHandler(ServiceLifetime::Find(service))) {}
+    ~HandlerSpan() { ServiceLifetime::LeaveHandler(); }
+    const bool entered;
+};
 }  // namespace
 
 int SFService::EnQueue(SFMessage* msg) {
@@ -42,6 +53,8 @@ int SFService::EnQueue(SFMessage* msg) {
         return 0;
     }
     if (msg->direction == MSG_REQUEST) {
+        // A service given a request is complete: the monitor may start its threads.
+        if (auto lifetime = ServiceLifetime::Find(this)) lifetime->MarkConstructed();
         SFData* req = msg->GetRequestData();
         DUMPLOG("VORN", "[REQUEST]", req ? req->data : nullptr, req ? req->length : 0);
         m_reqQueue.enqueue(msg);
@@ -96,7 +109,10 @@ int SFService::HandleRequest() {
     NotifyNewMessage(msg);  // the monitor starts timing it
 
     // Handlers are foreign code: if one outlives its timeout, the monitor takes the request
-    // away and this thread, once it comes back, leaves without touching anything shared.
+    // away and this thread, once it comes back, leaves without touching anything shared. The
+    // engine's own code inside them is waited for by the service's destruction.
+    HandlerSpan span(this);
+    if (!span.entered) return 0;  // the service is being destroyed
     Thread::BeginForeignCall();
     OnHandleRequest(msg);
     if (!Thread::EndForeignCall()) return 0;
@@ -138,12 +154,17 @@ int SFService::HandleResponse() {
     SFData* req = msg->GetRequestData();
     uint32_t reqLen = req ? req->length : 0;
     uint32_t respLen = resp ? resp->length : 0;
-    // A record must fit the reply record: the response bytes are cut first, then the echoed
-    // command, so that the client always gets a well-formed record.
-    if (12 + uint64_t(reqLen) + respLen > kMaxRecord) {
+    // A record must fit the reply record, so that the client always gets a well-formed one.
+    // The echoed command gives way to the response, as in error replies; only a response
+    // that cannot fit on its own is cut, and then the echo is kept.
+    if (12 + uint64_t(reqLen) + respLen > kMaxReply) {
         const uint32_t oldReq = reqLen, oldResp = respLen;
-        reqLen = std::min<uint32_t>(reqLen, kMaxRecord - 12);
-        respLen = std::min<uint32_t>(respLen, kMaxRecord - 12 - reqLen);
+        if (respLen <= kMaxReply - 12) {
+            reqLen = kMaxReply - 12 - respLen;
+        } else {
+            reqLen = std::min<uint32_t>(reqLen, kMaxReply - 12);
+            respLen = kMaxReply - 12 - reqLen;
+        }
         LogMessage(3, "VORN", "HandleResponse").stream()
             << m_strServiceName << " reply cut to fit the record: request " << oldReq << "->"
             << reqLen << ", response " << oldResp << "->" << respLen;

@@ -63,20 +63,22 @@ int SFService::HandleRequestTimeout() {
         m_bTimeoutHandling = false;
         return 0;
     }
-    // The request thread must give the request up before the timeout may answer it: if it
-    // comes back from its handler first, it answers and the timeout stands down, so there is
-    // exactly one reply.
+    // The request thread is held where it is while the timeout is decided: if it comes back
+    // from its handler first, it answers and the timeout stands down, so there is exactly one
+    // reply. A service that handles the timeout itself gets the thread back untouched.
     Thread* worker = (m_pRequestThread) ? m_pRequestThread->thread : nullptr;
-    if (!worker || !worker->Preempt()) {
+    if (!worker || !worker->Claim()) {
         m_bTimeoutHandling = false;
         return 0;
     }
-    SFMessage* cur = m_pCurReqMsg;  // stable now: its thread has been preempted
+    SFMessage* cur = m_pCurReqMsg;  // stable now: its thread is held
     if (!cur) {
+        worker->Resolve(false);
         m_bTimeoutHandling = false;
         return 0;
     }
     if (!cur->GetRequestData()) {
+        worker->Resolve(true);
         m_pCurReqMsg = nullptr;
         worker->DeferToReturn([cur] { delete cur; });
         ResetRequestService();
@@ -91,11 +93,14 @@ int SFService::HandleRequestTimeout() {
             << "VENDOR cmd(" << EscapedText{vendor->data, vendor->data ? vendor->length : 0} << ")";
     }
     if (OnHandleRequestTimeout(cur)) {
-        // The service took the whole recovery on itself; the flag and the request stay.
+        // The service took the whole recovery on itself: the flag and the request stay, and
+        // the request thread goes on waiting for its handler, whose reply is still sent.
+        worker->Resolve(false);
         LogMessage(1, "VORN", "HandleRequestTimeout").stream()
             << m_strServiceName << "service has handled";
         return 0;
     }
+    worker->Resolve(true);
     // The old thread may still be reading the request inside its handler: it deletes the
     // request when it comes back, or never, if it never does.
     m_pCurReqMsg = nullptr;

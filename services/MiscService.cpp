@@ -24,7 +24,11 @@ SFRespData* MiscService::DoTIMEOUTRequest(SFMessage* /*msg*/, void* /*service*/)
     // Never answers: only the request timeout does. Once the timeout has taken the request
     // away, the thread is let go instead of sleeping for ever, so a daemon that is asked this
     // every day does not collect sleeping threads. On a host's own thread it never returns.
+    // The wait touches nothing of the service, so the service's destruction need not wait
+    // for it; whatever happened meanwhile, nothing is answered from here.
+    SFService::DetachFromService();
     while (!Thread::IsCurrentAbandoned()) sleep(1);
+    SFService::ReattachToService();
     return nullptr;
 }
 

@@ -5,8 +5,9 @@
 SFRespData* RunHalFunction(SFMessage* msg, SFService* service, std::vector<char>& in) {
     std::vector<char> out;
     const char* name = msg->GetSoFuncName();
+    SFService::UnwindingCaller caller;
     const int rc = service->Execute(name ? name : "", &in, &out);
-    if (Thread::IsCurrentAbandoned()) return nullptr;
+    if (caller.ServiceGone() || Thread::IsCurrentAbandoned()) return nullptr;
     return service->ConvertPCBAResponse(msg, rc, out.data(), static_cast<int>(out.size()));
 }
 

@@ -8,7 +8,8 @@
 SFRespData* RunDeviceCommand(SFMessage* msg, SFService* service);
 
 // Calls the message's HAL function with `in` and converts its answer. A thread that the
-// timeout left behind while the HAL ran returns null at once: the service may be gone.
+// timeout left behind while the HAL ran, or whose service was destroyed meanwhile, returns
+// null at once, without touching the service.
 SFRespData* RunHalFunction(SFMessage* msg, SFService* service, std::vector<char>& in);
 
 #endif

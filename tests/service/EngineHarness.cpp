@@ -80,15 +80,17 @@ std::string TestConfigJson() {
 })";
 }
 
-EngineHarness::EngineHarness(const std::string& configJson, bool start) {
+EngineHarness::EngineHarness(const std::string& configJson, bool start,
+                             const ServiceFactory& makeMisc) {
     Hal();
     TestHal::Reset();
     socketName = UniqueSocketName("engine");
     ContextWrapper::SetConfigFilePath(dir.Write("vorn.json", configJson).c_str());
     cmdio = new TestCmdIOService(socketName.c_str());
     cfg = new ConfigManager();
-    wrapper = ContextWrapper::Initialize(cmdio, cfg);
-    wrapper->AddAvailableService(MISC_SERVICE, new MiscService(wrapper));
+    wrapper = new ContextWrapper(cmdio, cfg);
+    wrapper->AddAvailableService(MISC_SERVICE,
+                                 makeMisc ? makeMisc(wrapper) : new MiscService(wrapper));
     wrapper->AddAvailableService(SENSOR_SERVICE, new SensorService(wrapper));
     wrapper->AddAvailableService(MODEM_SERVICE, new ModemService(wrapper));
     if (start) {
@@ -101,6 +103,8 @@ EngineHarness::~EngineHarness() {
     // Blocked handlers are let go first, so their threads end instead of piling up.
     if (releaseOnExit) TestHal::Release();
     client.Close();
+    // The wrapper leaves the front end alone: as a host, stop commands reaching it first.
+    if (cmdio) cmdio->CmdIOCallback(nullptr, nullptr);
     delete wrapper;
     StopLoopThread();
     delete cmdio;

@@ -1,6 +1,7 @@
 #ifndef VORN_TESTS_SERVICE_ENGINEHARNESS_H
 #define VORN_TESTS_SERVICE_ENGINEHARNESS_H
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -25,11 +26,14 @@ struct TestHal {
 std::string TestConfigJson();
 
 // The host's start-up sequence, in this process: command I/O service on a fresh socket name,
-// configuration (from `configJson`), context wrapper, the three services, Start. The
-// destructor shuts it all down again.
+// configuration (from `configJson`), context wrapper, the three services (the misc one from
+// `makeMisc` when given: a host's own service), Start. The destructor shuts it all down again.
+// The wrapper is constructed directly: Initialize hands out one instance per process for good.
 class EngineHarness {
 public:
-    explicit EngineHarness(const std::string& configJson = TestConfigJson(), bool start = true);
+    using ServiceFactory = std::function<SFService*(ContextWrapper*)>;
+    explicit EngineHarness(const std::string& configJson = TestConfigJson(), bool start = true,
+                           const ServiceFactory& makeMisc = nullptr);
     ~EngineHarness();
 
     // Sends one command on the harness's client and reads one reply.

@@ -86,7 +86,7 @@ TEST_F(EndToEnd, OversizedHalAnswerIsCutToAWellFormedRecord) {
     Reply r = Ask("JXT+BIG=10000");
     EXPECT_EQ(0, r.result);
     EXPECT_EQ("JXT+BIG=10000", r.request);
-    EXPECT_EQ(12 + r.request.size() + r.response.size(), 3171u);
+    EXPECT_EQ(12 + r.request.size() + r.response.size(), 3172u);
     EXPECT_EQ(std::string(r.response.size(), 'B'), r.response);
     // The connection still carries exactly one record per command.
     r = Ask("JXT");

@@ -82,13 +82,4 @@ TEST(ContextWrapper, WithoutCollaboratorsItRefusesEverything) {
     EXPECT_TRUE(log.Has("service manger is null!!!", "SendInternalMessage", 4));
 }
 
-TEST(ContextWrapper, SecondInitializeReturnsTheFirstAndReadsNoFileAgain) {
-    EngineHarness h(TestConfigJson(), false);
-    const int reads = h.log.CountContaining("Json file");
-    ConfigManager other;
-    EXPECT_EQ(h.wrapper, ContextWrapper::Initialize(nullptr, &other));
-    EXPECT_EQ(reads, h.log.CountContaining("Json file"));
-    EXPECT_EQ(h.cfg, h.wrapper->m_pCfgMgr);
-}
-
 }  // namespace
