@@ -36,14 +36,16 @@ namespace {
 struct Options {
     std::string socketName = "vorn";
     std::string configPath;
-    int logLevel = 3;  // warnings and errors: the per-command trace stays off the hot path
+    int logLevel = 3;          // warnings and errors: the per-command trace stays off the hot path
+    int queueSpinMicros = -1;  // -1: the library's default
     bool printConfig = false;
 };
 
 const char kBuiltInConfig[] = "/vendor/etc/vorn.json";
 
 void Usage(std::ostream& out) {
-    out << "Usage: vornd [--socket NAME] [--config PATH] [--log-level 1-4] [--print-config]\n"
+    out << "Usage: vornd [--socket NAME] [--config PATH] [--log-level 1-4] [--queue-spin-us N]\n"
+           "             [--print-config]\n"
            "Serves device commands on the abstract local socket NAME.\n"
            "\n"
            "  --socket NAME     abstract socket name (default \"vorn\")\n"
@@ -51,6 +53,8 @@ void Usage(std::ostream& out) {
         << kBuiltInConfig
         << "\n"
            "  --log-level N     1 trace, 2 milestones, 3 warnings (default), 4 errors\n"
+           "  --queue-spin-us N how long a service thread that runs out of work keeps looking\n"
+           "                    for more before it sleeps, 0-1000 microseconds\n"
            "  --print-config    print the merged configuration and exit\n"
            "  --help            this text\n"
            "\n"
@@ -71,7 +75,7 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
             opt.printConfig = true;
             continue;
         }
-        if (a == "--socket" || a == "--config" || a == "--log-level") {
+        if (a == "--socket" || a == "--config" || a == "--log-level" || a == "--queue-spin-us") {
             if (i + 1 >= argc) {
                 std::cerr << "vornd: " << a << " needs a value\n";
                 return 2;
@@ -86,6 +90,14 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
                 opt.socketName = v;
             } else if (a == "--config") {
                 opt.configPath = v;
+            } else if (a == "--queue-spin-us") {
+                char* end = nullptr;
+                const long n = std::strtol(v.c_str(), &end, 10);
+                if (v.empty() || *end != '\0' || n < 0 || n > 1000) {
+                    std::cerr << "vornd: --queue-spin-us takes 0 to 1000, not \"" << v << "\"\n";
+                    return 2;
+                }
+                opt.queueSpinMicros = static_cast<int>(n);
             } else {
                 if (v.size() != 1 || v[0] < '1' || v[0] > '4') {
                     std::cerr << "vornd: --log-level takes 1, 2, 3 or 4, not \"" << v << "\"\n";
@@ -164,6 +176,7 @@ int main(int argc, char** argv) {
     if (rc != 0 || done) return rc;
 
     LogMessage::SetMinSeverity(opt.logLevel);
+    if (opt.queueSpinMicros >= 0) SetQueueSpinMicros(opt.queueSpinMicros);
 
     if (opt.printConfig) {
         // The same merge as a running daemon, without the socket: the built-in file, then

@@ -2,9 +2,18 @@
 #define VORN_SERVICE_MESSAGEQUEUE_H
 
 #include <pthread.h>
+#include <sched.h>
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
+
+// How long, in microseconds, a consumer that finds its queue empty keeps looking (yielding the
+// processor between looks) before it sleeps on the queue's condition. A command usually comes
+// back within that window, and a thread that is still awake takes it without the cost of being
+// woken on another processor. 0 sleeps at once. Process-wide; the daemon sets it from an option.
+int GetQueueSpinMicros();
+void SetQueueSpinMicros(int micros);
 
 // A queue of owned message pointers. While active, dequeue waits once on an empty queue.
 template <typename T>
@@ -30,9 +39,12 @@ public:
         pthread_mutex_unlock(&m_mutex);
     }
 
-    // One wait at most: a wake-up that finds the queue empty returns null.
+    // One wait at most: a wake-up that finds the queue empty returns null. Producers keep
+    // broadcasting under the lock, so the look-ahead below needs nothing from them; a
+    // broadcast with nobody asleep costs no system call.
     T* dequeue() {
         pthread_mutex_lock(&m_mutex);
+        if (m_bActive && m_queue.empty()) LookAhead();
         if (m_bActive && m_queue.empty()) pthread_cond_wait(&m_cond, &m_mutex);
         T* msg = nullptr;
         if (!m_queue.empty()) {
@@ -69,6 +81,21 @@ public:
     }
 
 private:
+    // Called and left with the lock held. Bounded: after the window the caller sleeps, so a
+    // queue that stays empty costs no processor time.
+    void LookAhead() {
+        const int micros = GetQueueSpinMicros();
+        if (micros <= 0) return;
+        const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(micros);
+        do {
+            pthread_mutex_unlock(&m_mutex);
+            // A yield, not a pause: with more awake threads than processors the producer may
+            // need this very processor to put the message in.
+            sched_yield();
+            pthread_mutex_lock(&m_mutex);
+        } while (m_bActive && m_queue.empty() && std::chrono::steady_clock::now() < until);
+    }
+
     pthread_mutex_t m_mutex;  // guards m_queue and m_bActive
     pthread_cond_t m_cond;    // signalled when a message is added or the queue is switched
     std::deque<T*> m_queue;

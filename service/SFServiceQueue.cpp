@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -15,6 +16,9 @@
 #include "service/SFService.h"
 
 namespace {
+// Read by every consumer of a queue, set by the host before or while the services run.
+std::atomic<int> g_queueSpinMicros{0};
+
 // The engine keeps the reply text zero-terminated inside the 3172-byte record.
 constexpr uint32_t kMaxRecord = sizeof(sf_response::text) - 1;
 
@@ -24,6 +28,13 @@ const cmd_entry* FindRow(const std::list<cmd_entry*>& rows, const std::string& h
     return nullptr;
 }
 }  // namespace
+
+int GetQueueSpinMicros() { return g_queueSpinMicros.load(std::memory_order_relaxed); }
+
+void SetQueueSpinMicros(int micros) {
+    // A window longer than a millisecond only burns time that a sleep would save.
+    g_queueSpinMicros.store(std::max(0, std::min(micros, 1000)), std::memory_order_relaxed);
+}
 
 int SFService::EnQueue(SFMessage* msg) {
     if (!msg) {
