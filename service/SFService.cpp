@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "platform/LogMessage.h"
+#include "service/RequestClock.h"
 
 namespace {
 // Rows of services already destroyed: the vendor-command table keeps pointing at their command
@@ -35,6 +36,8 @@ SFService::SFService(ContextWrapper* context, int serviceId)
       m_pDllParser(nullptr),
       m_bStopping(false),
       m_nCurReqTimeout(0) {
+    // Before Init: the monitor thread that Init starts reads the request clock at once.
+    RequestClock::Create(this);
     m_pDllParser = new DllParser();
     m_pDllParser->SetTag("VORN");
     pthread_mutex_init(&m_mtxPipeWrite, nullptr);
@@ -193,6 +196,7 @@ SFService::~SFService() {
     m_pDllParser->UnLoad();
     delete m_pDllParser;
     m_pDllParser = nullptr;
+    RequestClock::Drop(this);  // no thread of this service reads it any more
     // The rows stay: the vendor-command table keeps pointing at their command texts.
     std::lock_guard<std::mutex> lock(g_retiredRowsLock);
     g_retiredRows->splice(g_retiredRows->end(), m_cmdList);

@@ -13,6 +13,7 @@
 #include "platform/LogMessage.h"
 #include "platform/Thread.h"
 #include "routing/SFServiceManager.h"
+#include "service/RequestClock.h"
 #include "service/SFService.h"
 
 namespace {
@@ -62,11 +63,18 @@ int SFService::EnQueue(SFMessage* msg) {
     return 1008;
 }
 
-int SFService::NotifyNewMessage(MsgDirection direction) {
+namespace {
+// The trace line of a notification, also written where the monitor needs no byte.
+void TraceNotify(MsgDirection direction) {
     if (LogMessage::IsOn(1))
         LogMessage(1, "VORN", "NotifyNewMessage").stream()
             << "get new message by direction"
             << (direction == MSG_REQUEST ? "(REQUEST)" : "(RESPONSE)");
+}
+}  // namespace
+
+int SFService::NotifyNewMessage(MsgDirection direction) {
+    TraceNotify(direction);
     ssize_t written = 0;
     if (m_nMsgPipeW != -1) {
         const char byte = static_cast<char>(direction & 0xff);
@@ -102,9 +110,16 @@ int SFService::HandleRequest() {
     delete m_pCurReqMsg.exchange(nullptr);
     SFMessage* msg = reqDeQ();
     if (!msg) return 0;  // the queue was switched off, or a wake-up found it empty
-    m_nCurReqTimeout = msg->timeout;
-    m_pCurReqMsg = msg;
-    NotifyNewMessage(msg);  // the monitor starts timing it
+    // The monitor times the request from now. It needs a byte only when it sleeps without a
+    // limit or past this request's end; otherwise it finds the request when its limit runs out.
+    if (RequestClock::Of(this).Begin(this, msg)) {
+        NotifyNewMessage(msg);
+    } else {
+        TraceNotify(msg->direction);
+        if (msg->timeout == 0 && LogMessage::IsOn(1))
+            LogMessage(1, "VORN", "CalculateRequestTimeout").stream()
+                << m_strServiceName << ": Timeout is 0, set default timeout value to 60sec";
+    }
 
     // Handlers are foreign code: if one outlives its timeout, the monitor takes the request
     // away and this thread, once it comes back, leaves without touching anything shared.
@@ -133,7 +148,9 @@ int SFService::HandleRequest() {
     if (m_reqQueue.size() == 0) {
         const MsgDirection direction = msg->direction;
         delete m_pCurReqMsg.exchange(nullptr);
-        NotifyNewMessage(direction);  // tells the monitor that nothing runs
+        // No byte: the monitor finds that nothing runs when its limit ends, and then sleeps
+        // without one.
+        TraceNotify(direction);
     }
     return 0;
 }
