@@ -5,6 +5,7 @@
 // raw abstract stream socket (a forked child, blocking read and one reply per read), and against
 // a running vornd. The two are measured in alternating blocks, so that both see the same state
 // of the machine, and each daemon figure is printed as a ratio to the echo figure.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -526,8 +527,12 @@ double Micros(Clock::duration d) { return std::chrono::duration<double, std::mic
 // Every reply must echo as many command bytes as the first one did: a transmission split in two,
 // or a reply left over, shows there and ends the case instead of skewing it.
 bool TimedRounds(Conn& conn, const std::string& bytes, size_t count, std::vector<double>* out,
-                 Reply& reply, uint32_t expectedR) {
+                 Reply& reply, uint32_t expectedR, int paceUs = 0) {
     for (size_t i = 0; i < count; ++i) {
+        if (paceUs > 0) {
+            timespec ts{0, paceUs * 1000L};
+            nanosleep(&ts, nullptr);
+        }
         auto t0 = Clock::now();
         if (!conn.RoundTrip(bytes, reply)) return false;
         auto t1 = Clock::now();
@@ -544,7 +549,7 @@ bool WarmUp(Conn& conn, const std::string& bytes, size_t count, Reply& reply, ui
     return TimedRounds(conn, bytes, count, nullptr, reply, r);
 }
 
-long long CpuTicks(pid_t pid);
+long long CpuNanos(pid_t pid);
 
 // One server under test: its connection, the process behind it (for processor time), and what
 // one case collected from it.
@@ -554,7 +559,7 @@ struct Server {
     pid_t pid = -1;
     uint32_t expectedR = 0;
     std::vector<double> us;
-    long long ticks = 0;
+    long long cpuNs = 0;
     size_t commands = 0;
 };
 
@@ -571,14 +576,12 @@ struct CaseResult {
     std::string error;
 };
 
-double TicksToUs(long long ticks) {
-    return 1e6 * static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 // All servers in alternating blocks over one connection each, so that each sees the same state
 // of the machine. The first server is the raw echo that the others are compared with.
+// `paceUs`, when set, leaves that much time between one reply and the next command.
 CaseResult MeasureCase(const std::string& name, const std::string& bytes,
-                       std::vector<Server>& servers, size_t iterations, const Options& opt) {
+                       std::vector<Server>& servers, size_t iterations, int paceUs,
+                       const Options& opt) {
     CaseResult c;
     c.name = name;
     Reply reply;
@@ -589,7 +592,7 @@ CaseResult MeasureCase(const std::string& name, const std::string& bytes,
         }
         sv.us.clear();
         sv.us.reserve(iterations);
-        sv.ticks = 0;
+        sv.cpuNs = 0;
         sv.commands = 0;
     }
     c.result = reply.result;  // the last server's: a daemon's
@@ -598,14 +601,14 @@ CaseResult MeasureCase(const std::string& name, const std::string& bytes,
     for (size_t done = 0; done < iterations; done += opt.block) {
         size_t n = std::min(opt.block, iterations - done);
         for (Server& sv : servers) {
-            const long long before = CpuTicks(sv.pid);
-            if (!TimedRounds(sv.conn, bytes, n, &sv.us, reply, sv.expectedR)) {
+            const long long before = CpuNanos(sv.pid);
+            if (!TimedRounds(sv.conn, bytes, n, &sv.us, reply, sv.expectedR, paceUs)) {
                 c.error = sv.label + ": no reply or one out of step";
                 return c;
             }
-            const long long after = CpuTicks(sv.pid);
+            const long long after = CpuNanos(sv.pid);
             if (before >= 0 && after >= before) {
-                sv.ticks += after - before;
+                sv.cpuNs += after - before;
                 sv.commands += n;
             }
         }
@@ -613,7 +616,9 @@ CaseResult MeasureCase(const std::string& name, const std::string& bytes,
     for (Server& sv : servers) {
         Figure f;
         f.lat = Summarise(sv.us);
-        if (sv.commands > 0) f.cpuUsPerCmd = TicksToUs(sv.ticks) / static_cast<double>(sv.commands);
+        if (sv.commands > 0)
+            f.cpuUsPerCmd =
+                static_cast<double>(sv.cpuNs) / 1000.0 / static_cast<double>(sv.commands);
         c.figures.push_back(f);
     }
     return c;
@@ -766,6 +771,30 @@ long long CpuTicks(pid_t pid) {
         if (i == 15) stime = std::atoll(field.c_str());
     }
     return (utime < 0 || stime < 0) ? -1 : utime + stime;
+}
+
+// Processor time of the whole process in nanoseconds: the sum of its threads' run times from
+// schedstat, which is exact where ticks are 10 ms coarse; the ticks when schedstat is missing.
+long long CpuNanos(pid_t pid) {
+    if (pid <= 0) return -1;
+    const std::string dir = "/proc/" + std::to_string(pid) + "/task";
+    long long sum = 0;
+    bool any = false;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            std::ifstream in(dir + "/" + e->d_name + "/schedstat");
+            long long ns = 0;
+            if (in >> ns) {
+                sum += ns;
+                any = true;
+            }
+        }
+        closedir(d);
+    }
+    if (any) return sum;
+    const long long ticks = CpuTicks(pid);
+    return ticks < 0 ? -1 : ticks * (1000000000LL / sysconf(_SC_CLK_TCK));
 }
 
 std::string ThreadsOf(pid_t pid) {
@@ -980,14 +1009,17 @@ int main(int argc, char** argv) {
         const char* name;
         std::string bytes;
         size_t iterations;
+        int paceUs;
     };
     const Case cases[] = {
-        {"\"JXT\"", "JXT", opt.iterations},
-        {"\"JXT+GSENSOR=1\"", "JXT+GSENSOR=1", opt.iterations},
-        {"24 KiB transmission", big, opt.bigIterations},
+        {"\"JXT\"", "JXT", opt.iterations, 0},
+        {"\"JXT+GSENSOR=1\"", "JXT+GSENSOR=1", opt.iterations, 0},
+        {"24 KiB transmission", big, opt.bigIterations, 0},
+        // A slow test station: what a command costs when the threads have gone to sleep.
+        {"\"JXT\", one per ms", "JXT", std::max<size_t>(opt.iterations / 10, 200), 1000},
     };
     for (const Case& c : cases) {
-        report.cases.push_back(MeasureCase(c.name, c.bytes, servers, c.iterations, opt));
+        report.cases.push_back(MeasureCase(c.name, c.bytes, servers, c.iterations, c.paceUs, opt));
         PrintCase(report, report.cases.back());
         if (!report.cases.back().error.empty()) break;  // the stream is out of step
     }

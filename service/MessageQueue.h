@@ -44,8 +44,7 @@ public:
     // broadcast with nobody asleep costs no system call.
     T* dequeue() {
         pthread_mutex_lock(&m_mutex);
-        if (m_bActive && m_queue.empty()) LookAhead();
-        if (m_bActive && m_queue.empty()) pthread_cond_wait(&m_cond, &m_mutex);
+        if (m_bActive && m_queue.empty()) WaitOnce();
         T* msg = nullptr;
         if (!m_queue.empty()) {
             msg = m_queue.front();
@@ -81,19 +80,34 @@ public:
     }
 
 private:
-    // Called and left with the lock held. Bounded: after the window the caller sleeps, so a
-    // queue that stays empty costs no processor time.
-    void LookAhead() {
+    // Called and left with the lock held: at most one sleep on the condition, after a bounded
+    // look-ahead, so a queue that stays empty costs no processor time.
+    void WaitOnce() {
         const int micros = GetQueueSpinMicros();
-        if (micros <= 0) return;
+        if (micros <= 0) {
+            pthread_cond_wait(&m_cond, &m_mutex);
+            return;
+        }
+        // Each consumer thread takes from one queue only, so its last wait tells whether a
+        // look-ahead pays: while messages come within the window it does; when they come
+        // slower (or not at all) the thread sleeps at once, as it would without one.
+        static thread_local bool t_worthIt = true;
         const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(micros);
-        do {
-            pthread_mutex_unlock(&m_mutex);
-            // A yield, not a pause: with more awake threads than processors the producer may
-            // need this very processor to put the message in.
-            sched_yield();
-            pthread_mutex_lock(&m_mutex);
-        } while (m_bActive && m_queue.empty() && std::chrono::steady_clock::now() < until);
+        if (t_worthIt) {
+            do {
+                pthread_mutex_unlock(&m_mutex);
+                // A yield, not a pause: with more awake threads than processors the producer
+                // may need this very processor to put the message in.
+                sched_yield();
+                pthread_mutex_lock(&m_mutex);
+            } while (m_bActive && m_queue.empty() && std::chrono::steady_clock::now() < until);
+            if (!m_bActive || !m_queue.empty()) return;
+            t_worthIt = false;
+            pthread_cond_wait(&m_cond, &m_mutex);
+            return;
+        }
+        pthread_cond_wait(&m_cond, &m_mutex);
+        t_worthIt = std::chrono::steady_clock::now() < until;
     }
 
     pthread_mutex_t m_mutex;  // guards m_queue and m_bActive

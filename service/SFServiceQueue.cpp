@@ -17,8 +17,10 @@
 #include "service/SFService.h"
 
 namespace {
-// Read by every consumer of a queue, set by the host before or while the services run.
-std::atomic<int> g_queueSpinMicros{0};
+// Read by every consumer of a queue, set by the host before or while the services run. A
+// command comes back to the request and response threads well within 50 us when a client sends
+// the next one at once; a slower client costs one window, then each thread sleeps at once.
+std::atomic<int> g_queueSpinMicros{50};
 
 // The engine keeps the reply text zero-terminated inside the 3172-byte record.
 constexpr uint32_t kMaxRecord = sizeof(sf_response::text) - 1;
