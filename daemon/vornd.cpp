@@ -54,7 +54,7 @@ void Usage(std::ostream& out) {
         << "\n"
            "  --log-level N     1 trace, 2 milestones, 3 warnings (default), 4 errors\n"
            "  --queue-spin-us N how long a service thread that runs out of work keeps looking\n"
-           "                    for more before it sleeps, 0-1000 microseconds\n"
+           "                    for more before it sleeps, 0-1000 microseconds (default 50)\n"
            "  --print-config    print the merged configuration and exit\n"
            "  --help            this text\n"
            "\n"

@@ -11,7 +11,8 @@
 // How long, in microseconds, a consumer that finds its queue empty keeps looking (yielding the
 // processor between looks) before it sleeps on the queue's condition. A command usually comes
 // back within that window, and a thread that is still awake takes it without the cost of being
-// woken on another processor. 0 sleeps at once. Process-wide; the daemon sets it from an option.
+// woken on another processor. 0 sleeps at once. Process-wide, 50 unless the host sets it (vornd
+// has an option for it).
 int GetQueueSpinMicros();
 void SetQueueSpinMicros(int micros);
 
