@@ -5,7 +5,9 @@
 // raw abstract stream socket (a forked child, blocking read and one reply per read), and against
 // a running vornd. The two are measured in alternating blocks, so that both see the same state
 // of the machine, and each daemon figure is printed as a ratio to the echo figure.
+#include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -17,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -26,6 +29,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -48,6 +52,8 @@ constexpr size_t kRecordOverhead = 12;      // int32 result, uint32 R, uint32 S
 
 struct Options {
     std::string vornd;
+    std::vector<std::string> vorndArgs;  // passed on to vornd (not to the baseline)
+    std::string baseline;                // an older vornd measured beside it
     std::string config;
     std::string logLevel;
     std::string logFile = "/tmp/vorn_bench.vornd.log";
@@ -59,6 +65,7 @@ struct Options {
     size_t block = 500;
     size_t startups = 5;
     int idleSeconds = 5;
+    int spinUs = 50;  // the look-ahead window of the shaped echoes' spin variants
     bool check = false;
     bool quick = false;
 };
@@ -67,6 +74,9 @@ void Usage(const char* self) {
     std::printf(
         "usage: %s [options]\n"
         "  --vornd PATH        the daemon to measure (default: the one built with this program)\n"
+        "  --vornd-arg ARG     one more argument for vornd (repeatable), e.g. --queue-spin-us\n"
+        "  --baseline PATH     an older vornd, measured in the same alternating blocks\n"
+        "  --spin-us N         look-ahead of the shaped echoes' spin variants (default 50)\n"
         "  --config PATH       passed to vornd as --config\n"
         "  --log-level N       passed to vornd as --log-level (default: vornd's own, 3)\n"
         "  --log-file PATH     where vornd's stderr goes (default /tmp/vorn_bench.vornd.log)\n"
@@ -119,6 +129,12 @@ bool ParseOptions(int argc, char** argv, Options& opt) {
             opt.check = true;
         } else if (a == "--vornd" && value(v)) {
             opt.vornd = v;
+        } else if (a == "--vornd-arg" && value(v)) {
+            opt.vorndArgs.push_back(v);
+        } else if (a == "--baseline" && value(v)) {
+            opt.baseline = v;
+        } else if (a == "--spin-us" && value(v) && ParseSize(v, n) && n <= 1000) {
+            opt.spinUs = static_cast<int>(n);
         } else if (a == "--attach" && value(v)) {
             opt.attach = v;
         } else if (a == "--pid" && value(v) && ParseSize(v, n) && n > 0) {
@@ -240,10 +256,23 @@ pid_t StartEchoServer(const std::string& name) {
 // ---------------------------------------------------------------------------------------------
 // The engine-shaped echo: the same echo, but each transmission travels the way a command does in
 // the daemon, and nothing else is done: a select loop reads it and hands it through a locked
-// queue (broadcast under the lock) to a request thread, which writes one byte to a monitor
-// thread's pipe, hands the reply through a second queue to a response thread that sends it, and
-// writes a second byte. Its figure is the floor of the engine's shape on this machine: what the
-// daemon costs above it is the library's own work.
+// queue (broadcast under the lock) to a request thread, which tells a monitor thread, hands the
+// reply through a second queue to a response thread that sends it, and tells the monitor again.
+// Its figure is the floor of the engine's shape on this machine: what the daemon costs above it
+// is the library's own work. The variants model the ways the threads may wake each other:
+//   pipe     the monitor is woken by a pipe byte when a request starts and when it ends
+//   idle     the monitor gets a byte only when it sleeps without a limit; otherwise the request
+//            thread publishes a sequence number that the monitor checks when its limit ends
+//   spin     a thread that finds its queue empty yields and looks again for a few tens of
+//            microseconds before it sleeps on the condition
+
+struct ShapeKind {
+    const char* label;
+    bool idleMonitor;
+    bool spin;
+};
+
+int g_shapeSpinMicros = 0;  // set before the children are forked
 
 class HandOff {
 public:
@@ -253,8 +282,16 @@ public:
         pthread_cond_broadcast(&m_cond);
         pthread_mutex_unlock(&m_mutex);
     }
-    std::string Take() {
+    std::string Take(bool spin) {
         pthread_mutex_lock(&m_mutex);
+        if (spin && m_items.empty() && g_shapeSpinMicros > 0) {
+            const auto until = Clock::now() + std::chrono::microseconds(g_shapeSpinMicros);
+            do {
+                pthread_mutex_unlock(&m_mutex);
+                sched_yield();
+                pthread_mutex_lock(&m_mutex);
+            } while (m_items.empty() && Clock::now() < until);
+        }
         while (m_items.empty()) pthread_cond_wait(&m_cond, &m_mutex);
         std::string item = std::move(m_items.front());
         m_items.erase(m_items.begin());
@@ -268,42 +305,67 @@ private:
     std::vector<std::string> m_items;
 };
 
-[[noreturn]] void ShapedEchoMain(int listenFd) {
+[[noreturn]] void ShapedEchoMain(int listenFd, ShapeKind kind) {
     static HandOff requests, responses;
     static int replyFd = -1;  // one client at a time takes turns: the reply target
     static int pipeFds[2];
+    static std::atomic<bool> current{false};     // a request runs (request thread)
+    static std::atomic<unsigned> sequence{0};    // bumped per request (request thread)
+    static std::atomic<bool> monitorIdle{true};  // the monitor sleeps without limit (monitor)
+    static ShapeKind shape;
+    shape = kind;
     if (pipe2(pipeFds, O_CLOEXEC) != 0) _exit(1);
-    std::thread([] {  // monitor: wakes on every byte, as the daemon's does
+    std::thread([] {  // monitor
+        unsigned timed = 0;
         for (;;) {
+            bool limit = true;
+            if (shape.idleMonitor) {
+                limit = current.load();
+                monitorIdle.store(!limit);
+                if (!limit && current.load()) continue;  // a request slipped in: time it
+                timed = sequence.load();
+            }
             fd_set set;
             FD_ZERO(&set);
             FD_SET(pipeFds[0], &set);
-            timeval limit{15, 0};
-            if (select(pipeFds[0] + 1, &set, nullptr, nullptr, &limit) > 0) {
+            timeval left{15, 0};
+            const int n = select(pipeFds[0] + 1, &set, nullptr, nullptr, limit ? &left : nullptr);
+            if (n > 0) {
                 char byte;
                 if (read(pipeFds[0], &byte, 1) < 0) continue;
+            } else if (n == 0 && shape.idleMonitor && sequence.load() == timed && current.load()) {
+                // The request timed out: the engine would answer it here.
             }
         }
     })
         .detach();
     std::thread([] {  // request thread
         for (;;) {
-            std::string req = requests.Take();
+            std::string req = requests.Take(shape.spin);
             char byte = 1;
-            if (write(pipeFds[1], &byte, 1) < 0) _exit(1);
+            if (shape.idleMonitor) {
+                current.store(true);
+                sequence.fetch_add(1);
+                if (monitorIdle.load() && write(pipeFds[1], &byte, 1) < 0) _exit(1);
+            } else if (write(pipeFds[1], &byte, 1) < 0) {
+                _exit(1);
+            }
             uint32_t r =
                 static_cast<uint32_t>(std::min<size_t>(req.size(), kMaxRecord - kRecordOverhead));
             std::string record(kRecordOverhead + r, '\0');
             std::memcpy(&record[4], &r, 4);
             std::memcpy(&record[8], req.data(), r);
             responses.Put(std::move(record));
-            if (write(pipeFds[1], &byte, 1) < 0) _exit(1);
+            if (shape.idleMonitor)
+                current.store(false);
+            else if (write(pipeFds[1], &byte, 1) < 0)
+                _exit(1);
         }
     })
         .detach();
     std::thread([] {  // response thread
         for (;;) {
-            std::string record = responses.Take();
+            std::string record = responses.Take(shape.spin);
             send(__atomic_load_n(&replyFd, __ATOMIC_ACQUIRE), record.data(), record.size(),
                  MSG_NOSIGNAL | MSG_DONTWAIT);
         }
@@ -341,11 +403,11 @@ private:
     }
 }
 
-pid_t StartShapedEchoServer(const std::string& name) {
+pid_t StartShapedEchoServer(const std::string& name, ShapeKind kind) {
     int fd = Listen(name);
     if (fd < 0) return -1;
     pid_t pid = fork();
-    if (pid == 0) ShapedEchoMain(fd);
+    if (pid == 0) ShapedEchoMain(fd, kind);
     close(fd);
     return pid;
 }
@@ -365,6 +427,15 @@ public:
     explicit Conn(int fd = -1) : m_fd(fd), m_buf(64 * 1024) {}
     ~Conn() { Close(); }
     Conn(Conn&& o) noexcept : m_fd(o.m_fd), m_buf(std::move(o.m_buf)) { o.m_fd = -1; }
+    Conn& operator=(Conn&& o) noexcept {
+        if (this != &o) {
+            Close();
+            m_fd = o.m_fd;
+            m_buf = std::move(o.m_buf);
+            o.m_fd = -1;
+        }
+        return *this;
+    }
     Conn(const Conn&) = delete;
     Conn& operator=(const Conn&) = delete;
 
@@ -456,8 +527,12 @@ double Micros(Clock::duration d) { return std::chrono::duration<double, std::mic
 // Every reply must echo as many command bytes as the first one did: a transmission split in two,
 // or a reply left over, shows there and ends the case instead of skewing it.
 bool TimedRounds(Conn& conn, const std::string& bytes, size_t count, std::vector<double>* out,
-                 Reply& reply, uint32_t expectedR) {
+                 Reply& reply, uint32_t expectedR, int paceUs = 0) {
     for (size_t i = 0; i < count; ++i) {
+        if (paceUs > 0) {
+            timespec ts{0, paceUs * 1000L};
+            nanosleep(&ts, nullptr);
+        }
         auto t0 = Clock::now();
         if (!conn.RoundTrip(bytes, reply)) return false;
         auto t1 = Clock::now();
@@ -474,59 +549,80 @@ bool WarmUp(Conn& conn, const std::string& bytes, size_t count, Reply& reply, ui
     return TimedRounds(conn, bytes, count, nullptr, reply, r);
 }
 
-struct Pair {
+long long CpuNanos(pid_t pid);
+
+// One server under test: its connection, the process behind it (for processor time), and what
+// one case collected from it.
+struct Server {
+    std::string label;
+    Conn conn;
+    pid_t pid = -1;
+    uint32_t expectedR = 0;
+    std::vector<double> us;
+    long long cpuNs = 0;
+    size_t commands = 0;
+};
+
+struct Figure {
+    Latency lat;
+    double cpuUsPerCmd = -1;  // utime+stime of the server per command, in microseconds
+};
+
+struct CaseResult {
     std::string name;
-    Latency echo, shaped, daemon;
+    std::vector<Figure> figures;  // in the order of the servers
     int32_t result = 0;
     uint32_t replyBytes = 0;
     std::string error;
 };
 
-// Echo, engine-shaped echo and daemon in alternating blocks over one connection each.
-Pair MeasurePair(const std::string& name, const std::string& bytes, Conn& echo, Conn& shaped,
-                 Conn& daemon, size_t iterations, const Options& opt) {
-    Pair p;
-    p.name = name;
+// All servers in alternating blocks over one connection each, so that each sees the same state
+// of the machine. The first server is the raw echo that the others are compared with.
+// `paceUs`, when set, leaves that much time between one reply and the next command.
+CaseResult MeasureCase(const std::string& name, const std::string& bytes,
+                       std::vector<Server>& servers, size_t iterations, int paceUs,
+                       const Options& opt) {
+    CaseResult c;
+    c.name = name;
     Reply reply;
-    uint32_t rEcho = 0, rShaped = 0, rDaemon = 0;
-    if (!WarmUp(echo, bytes, opt.warmup, reply, rEcho) ||
-        !WarmUp(shaped, bytes, opt.warmup, reply, rShaped) ||
-        !WarmUp(daemon, bytes, opt.warmup, reply, rDaemon)) {
-        p.error = "no reply during warm-up";
-        return p;
+    for (Server& sv : servers) {
+        if (!WarmUp(sv.conn, bytes, opt.warmup, reply, sv.expectedR)) {
+            c.error = sv.label + ": no reply during warm-up";
+            return c;
+        }
+        sv.us.clear();
+        sv.us.reserve(iterations);
+        sv.cpuNs = 0;
+        sv.commands = 0;
     }
-    p.result = reply.result;
-    p.replyBytes =
+    c.result = reply.result;  // the last server's: a daemon's
+    c.replyBytes =
         static_cast<uint32_t>(kRecordOverhead + reply.requestLength + reply.responseLength);
-    std::vector<double> e, sh, d;
-    e.reserve(iterations);
-    sh.reserve(iterations);
-    d.reserve(iterations);
     for (size_t done = 0; done < iterations; done += opt.block) {
         size_t n = std::min(opt.block, iterations - done);
-        if (!TimedRounds(echo, bytes, n, &e, reply, rEcho)) {
-            p.error = "echo: no reply or one out of step";
-            return p;
-        }
-        if (!TimedRounds(shaped, bytes, n, &sh, reply, rShaped)) {
-            p.error = "engine-shaped echo: no reply or one out of step";
-            return p;
-        }
-        if (!TimedRounds(daemon, bytes, n, &d, reply, rDaemon)) {
-            p.error = "vornd: no reply or one out of step";
-            return p;
+        for (Server& sv : servers) {
+            const long long before = CpuNanos(sv.pid);
+            if (!TimedRounds(sv.conn, bytes, n, &sv.us, reply, sv.expectedR, paceUs)) {
+                c.error = sv.label + ": no reply or one out of step";
+                return c;
+            }
+            const long long after = CpuNanos(sv.pid);
+            if (before >= 0 && after >= before) {
+                sv.cpuNs += after - before;
+                sv.commands += n;
+            }
         }
     }
-    p.echo = Summarise(e);
-    p.shaped = Summarise(sh);
-    p.daemon = Summarise(d);
-    return p;
+    for (Server& sv : servers) {
+        Figure f;
+        f.lat = Summarise(sv.us);
+        if (sv.commands > 0)
+            f.cpuUsPerCmd =
+                static_cast<double>(sv.cpuNs) / 1000.0 / static_cast<double>(sv.commands);
+        c.figures.push_back(f);
+    }
+    return c;
 }
-
-struct Throughput {
-    double echo = 0, daemon = 0;
-    std::string error;
-};
 
 double TakeTurns(std::vector<Conn>& clients, const std::string& bytes, size_t rounds, bool& ok) {
     Reply reply;
@@ -552,10 +648,13 @@ public:
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    bool Spawn(const Options& opt, const std::string& socketName) {
-        std::vector<std::string> args = {opt.vornd, "--socket", socketName};
+    // `path` is the daemon to run; `extra` goes to it after the options below.
+    bool Spawn(const Options& opt, const std::string& path, const std::vector<std::string>& extra,
+               const std::string& socketName) {
+        std::vector<std::string> args = {path, "--socket", socketName};
         if (!opt.config.empty()) args.insert(args.end(), {"--config", opt.config});
         if (!opt.logLevel.empty()) args.insert(args.end(), {"--log-level", opt.logLevel});
+        args.insert(args.end(), extra.begin(), extra.end());
         std::vector<char*> argv;
         for (auto& a : args) argv.push_back(&a[0]);
         argv.push_back(nullptr);
@@ -565,7 +664,7 @@ public:
         posix_spawn_file_actions_addopen(&fa, 1, opt.logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
                                          0644);
         posix_spawn_file_actions_adddup2(&fa, 1, 2);
-        int rc = posix_spawn(&m_pid, opt.vornd.c_str(), &fa, nullptr, argv.data(), environ);
+        int rc = posix_spawn(&m_pid, path.c_str(), &fa, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&fa);
         if (rc != 0) {
             m_pid = -1;
@@ -623,7 +722,7 @@ double StartupOnce(const Options& opt, std::string& error) {
     Daemon d;
     const std::string name = SocketName("start");
     auto t0 = Clock::now();
-    if (!d.Spawn(opt, name)) {
+    if (!d.Spawn(opt, opt.vornd, opt.vorndArgs, name)) {
         error = "cannot spawn " + opt.vornd;
         return -1;
     }
@@ -674,6 +773,30 @@ long long CpuTicks(pid_t pid) {
     return (utime < 0 || stime < 0) ? -1 : utime + stime;
 }
 
+// Processor time of the whole process in nanoseconds: the sum of its threads' run times from
+// schedstat, which is exact where ticks are 10 ms coarse; the ticks when schedstat is missing.
+long long CpuNanos(pid_t pid) {
+    if (pid <= 0) return -1;
+    const std::string dir = "/proc/" + std::to_string(pid) + "/task";
+    long long sum = 0;
+    bool any = false;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            std::ifstream in(dir + "/" + e->d_name + "/schedstat");
+            long long ns = 0;
+            if (in >> ns) {
+                sum += ns;
+                any = true;
+            }
+        }
+        closedir(d);
+    }
+    if (any) return sum;
+    const long long ticks = CpuTicks(pid);
+    return ticks < 0 ? -1 : ticks * (1000000000LL / sysconf(_SC_CLK_TCK));
+}
+
 std::string ThreadsOf(pid_t pid) {
     long n = StatusKiB(pid, "Threads");
     return n < 0 ? "?" : std::to_string(n);
@@ -690,8 +813,11 @@ std::string Ratio(double a, double b) { return b > 0 ? Fixed(a / b, 2) + "x" : "
 // ---------------------------------------------------------------------------------------------
 
 struct Report {
-    std::vector<Pair> pairs;
-    Throughput turns;
+    std::vector<std::string> labels;  // the servers, the raw echo first
+    std::vector<CaseResult> cases;
+    std::vector<std::string> turnLabels;
+    std::vector<double> turns;  // commands per second, in the order of turnLabels
+    std::string turnsError;
     std::vector<double> startupsMs;
     double startupMedian = -1;
     long rssKiB = -1, hwmKiB = -1;
@@ -701,48 +827,54 @@ struct Report {
     std::vector<std::string> errors;
 };
 
-void PrintPair(const Pair& p) {
-    if (!p.error.empty()) {
-        std::printf("%-24s FAILED: %s\n", p.name.c_str(), p.error.c_str());
+std::string CpuText(double us) { return us < 0 ? "-" : Fixed(us, 1); }
+
+void PrintCase(const Report& r, const CaseResult& c) {
+    if (!c.error.empty()) {
+        std::printf("%-24s FAILED: %s\n", c.name.c_str(), c.error.c_str());
         return;
     }
-    std::printf(
-        "%-22s echo p50 %6.1f p99 %6.1f | shaped p50 %6.1f (%s) p99 %6.1f (%s) | "
-        "vornd p50 %6.1f (%s) p99 %6.1f (%s) us  [result %d, reply %u B, n=%zu]\n",
-        p.name.c_str(), p.echo.p50, p.echo.p99, p.shaped.p50,
-        Ratio(p.shaped.p50, p.echo.p50).c_str(), p.shaped.p99,
-        Ratio(p.shaped.p99, p.echo.p99).c_str(), p.daemon.p50,
-        Ratio(p.daemon.p50, p.echo.p50).c_str(), p.daemon.p99,
-        Ratio(p.daemon.p99, p.echo.p99).c_str(), p.result, p.replyBytes, p.daemon.n);
+    std::printf("%s  [result %d, reply %u B, n=%zu]\n", c.name.c_str(), c.result, c.replyBytes,
+                c.figures.front().lat.n);
+    const Figure& echo = c.figures.front();
+    for (size_t i = 0; i < c.figures.size(); ++i) {
+        const Figure& f = c.figures[i];
+        std::printf("  %-26s p50 %6.1f (%6s) p99 %7.1f (%6s) us, cpu %5s us/cmd\n",
+                    r.labels[i].c_str(), f.lat.p50, Ratio(f.lat.p50, echo.lat.p50).c_str(),
+                    f.lat.p99, Ratio(f.lat.p99, echo.lat.p99).c_str(),
+                    CpuText(f.cpuUsPerCmd).c_str());
+    }
     std::fflush(stdout);
 }
 
 void PrintTable(const Report& r) {
     std::printf(
-        "\n| Case | raw echo p50 / p99 (us) | engine-shaped echo p50 / p99 (us) | vornd p50 / p99 "
-        "(us) | vornd / raw echo p50 / p99 | vornd / shaped p50 |\n");
-    std::printf("|---|---|---|---|---|---|\n");
-    for (const Pair& p : r.pairs) {
-        if (!p.error.empty()) {
-            std::printf("| %s | failed: %s | | | | |\n", p.name.c_str(), p.error.c_str());
+        "\n| Case | server | p50 / p99 (us) | p50 / p99 to raw echo | cpu per command (us) |\n");
+    std::printf("|---|---|---|---|---|\n");
+    for (const CaseResult& c : r.cases) {
+        if (!c.error.empty()) {
+            std::printf("| %s | failed: %s | | | |\n", c.name.c_str(), c.error.c_str());
             continue;
         }
-        std::printf("| %s | %s / %s | %s / %s | %s / %s | %s / %s | %s |\n", p.name.c_str(),
-                    Fixed(p.echo.p50, 1).c_str(), Fixed(p.echo.p99, 1).c_str(),
-                    Fixed(p.shaped.p50, 1).c_str(), Fixed(p.shaped.p99, 1).c_str(),
-                    Fixed(p.daemon.p50, 1).c_str(), Fixed(p.daemon.p99, 1).c_str(),
-                    Ratio(p.daemon.p50, p.echo.p50).c_str(),
-                    Ratio(p.daemon.p99, p.echo.p99).c_str(),
-                    Ratio(p.daemon.p50, p.shaped.p50).c_str());
+        const Figure& echo = c.figures.front();
+        for (size_t i = 0; i < c.figures.size(); ++i) {
+            const Figure& f = c.figures[i];
+            std::printf("| %s | %s | %s / %s | %s / %s | %s |\n", i == 0 ? c.name.c_str() : "",
+                        r.labels[i].c_str(), Fixed(f.lat.p50, 1).c_str(),
+                        Fixed(f.lat.p99, 1).c_str(), Ratio(f.lat.p50, echo.lat.p50).c_str(),
+                        Ratio(f.lat.p99, echo.lat.p99).c_str(), CpuText(f.cpuUsPerCmd).c_str());
+        }
     }
-    if (r.turns.error.empty())
-        std::printf("| 4 clients taking turns, \"JXT\" | %s cmd/s | | %s cmd/s | %s of echo | |\n",
-                    Fixed(r.turns.echo, 0).c_str(), Fixed(r.turns.daemon, 0).c_str(),
-                    r.turns.echo > 0
-                        ? (Fixed(100.0 * r.turns.daemon / r.turns.echo, 0) + "%").c_str()
-                        : "-");
-    else
-        std::printf("| 4 clients taking turns | failed: %s | | | | |\n", r.turns.error.c_str());
+    if (r.turnsError.empty()) {
+        for (size_t i = 0; i < r.turns.size(); ++i)
+            std::printf(
+                "| %s | %s | %s cmd/s | %s of echo | |\n",
+                i == 0 ? "4 clients taking turns, \"JXT\"" : "", r.turnLabels[i].c_str(),
+                Fixed(r.turns[i], 0).c_str(),
+                r.turns[0] > 0 ? (Fixed(100.0 * r.turns[i] / r.turns[0], 0) + "%").c_str() : "-");
+    } else {
+        std::printf("| 4 clients taking turns | failed: %s | | | |\n", r.turnsError.c_str());
+    }
     std::printf("\n| Daemon figure | Value | Target |\n|---|---|---|\n");
     std::printf("| start-up to first \"JXT\" reply (median of %zu) | %s ms | |\n",
                 r.startupsMs.size(), r.startupMedian < 0 ? "-" : Fixed(r.startupMedian, 1).c_str());
@@ -773,11 +905,21 @@ int main(int argc, char** argv) {
     Options opt;
     if (!ParseOptions(argc, argv, opt)) return 2;
     signal(SIGPIPE, SIG_IGN);
+    g_shapeSpinMicros = opt.spinUs;
 
     // The echo children are forked first, while this process still has a single thread.
-    const std::string echoName = SocketName("echo");
-    const std::string shapedName = SocketName("shaped");
-    const pid_t echoPids[2] = {StartEchoServer(echoName), StartShapedEchoServer(shapedName)};
+    const ShapeKind shapes[] = {
+        {"shaped: pipe", false, false},
+        {"shaped: idle monitor", true, false},
+        {"shaped: spin", false, true},
+        {"shaped: idle monitor+spin", true, true},
+    };
+    std::vector<std::string> echoNames = {SocketName("echo")};
+    std::vector<pid_t> echoPids = {StartEchoServer(echoNames[0])};
+    for (const ShapeKind& k : shapes) {
+        echoNames.push_back(SocketName("shaped"));
+        echoPids.push_back(StartShapedEchoServer(echoNames.back(), k));
+    }
     auto stopEcho = [&] {
         for (pid_t pid : echoPids) {
             if (pid <= 0) continue;
@@ -785,7 +927,7 @@ int main(int argc, char** argv) {
             waitpid(pid, nullptr, 0);
         }
     };
-    if (echoPids[0] < 0 || echoPids[1] < 0) {
+    if (std::any_of(echoPids.begin(), echoPids.end(), [](pid_t p) { return p < 0; })) {
         std::fprintf(stderr, "vorn_bench: cannot start the echo servers\n");
         stopEcho();
         return 1;
@@ -796,8 +938,11 @@ int main(int argc, char** argv) {
         std::printf("vornd: %s\n", opt.vornd.empty() ? "(none)" : opt.vornd.c_str());
     else
         std::printf("vornd: attached to socket %s\n", opt.attach.c_str());
-    std::printf("round trips per case: %zu (24 KiB case %zu), warm-up %zu, blocks of %zu\n\n",
-                opt.iterations, opt.bigIterations, opt.warmup, opt.block);
+    if (!opt.baseline.empty()) std::printf("baseline vornd: %s\n", opt.baseline.c_str());
+    std::printf(
+        "round trips per case: %zu (24 KiB case %zu), warm-up %zu, blocks of %zu, shaped spin "
+        "%d us\n\n",
+        opt.iterations, opt.bigIterations, opt.warmup, opt.block, opt.spinUs);
     if (opt.attach.empty() && (opt.vornd.empty() || access(opt.vornd.c_str(), X_OK) != 0)) {
         std::fprintf(stderr,
                      "vorn_bench: no vornd to run (build the vornd target or pass --vornd)\n");
@@ -808,80 +953,114 @@ int main(int argc, char** argv) {
     Report report;
     report.idleSeconds = opt.idleSeconds;
 
-    Daemon daemon;
+    Daemon daemon, baseline;
     const bool attached = !opt.attach.empty();
     const std::string daemonName = attached ? opt.attach : SocketName("vornd");
-    if (!attached && !daemon.Spawn(opt, daemonName)) {
+    const std::string baselineName = SocketName("baseline");
+    if (!attached && !daemon.Spawn(opt, opt.vornd, opt.vorndArgs, daemonName)) {
         std::fprintf(stderr, "vorn_bench: cannot spawn %s\n", opt.vornd.c_str());
         stopEcho();
         return 1;
     }
+    if (!opt.baseline.empty() && !baseline.Spawn(opt, opt.baseline, {}, baselineName)) {
+        std::fprintf(stderr, "vorn_bench: cannot spawn %s\n", opt.baseline.c_str());
+        stopEcho();
+        return 1;
+    }
     const pid_t daemonPid = attached ? opt.attachPid : daemon.pid();
-    Conn d0 = ConnectWithin(daemonName, attached ? nullptr : &daemon, std::chrono::seconds(10));
-    Conn e0(Connect(echoName));
-    Conn s0(Connect(shapedName));
-    if (!d0.ok() || !e0.ok() || !s0.ok()) {
-        std::fprintf(stderr, "vorn_bench: cannot connect (vornd %s, echo %s); see %s\n",
-                     d0.ok() ? "ok" : "failed", e0.ok() && s0.ok() ? "ok" : "failed",
+
+    std::vector<Server> servers;
+    const char* echoLabels[] = {"raw echo", shapes[0].label, shapes[1].label, shapes[2].label,
+                                shapes[3].label};
+    for (size_t i = 0; i < echoNames.size(); ++i) {
+        Server sv;
+        sv.label = echoLabels[i];
+        sv.conn = Conn(Connect(echoNames[i]));
+        sv.pid = echoPids[i];
+        servers.push_back(std::move(sv));
+    }
+    if (!opt.baseline.empty()) {
+        Server sv;
+        sv.label = "vornd (baseline)";
+        sv.conn = ConnectWithin(baselineName, &baseline, std::chrono::seconds(10));
+        sv.pid = baseline.pid();
+        servers.push_back(std::move(sv));
+    }
+    {
+        Server sv;
+        sv.label = "vornd";
+        sv.conn = ConnectWithin(daemonName, attached ? nullptr : &daemon, std::chrono::seconds(10));
+        sv.pid = daemonPid;
+        servers.push_back(std::move(sv));
+    }
+    for (const Server& sv : servers) {
+        if (sv.conn.ok()) continue;
+        std::fprintf(stderr, "vorn_bench: cannot connect to %s; see %s\n", sv.label.c_str(),
                      opt.logFile.c_str());
         stopEcho();
         return 1;
     }
+    for (const Server& sv : servers) report.labels.push_back(sv.label);
 
-    // Latency cases: the same bytes to both servers.
+    // Latency cases: the same bytes to every server.
     std::string big = "JXT+GSENSOR=";
     big.resize(kMaxTransmission, '7');
     struct Case {
         const char* name;
         std::string bytes;
         size_t iterations;
+        int paceUs;
     };
     const Case cases[] = {
-        {"\"JXT\"", "JXT", opt.iterations},
-        {"\"JXT+GSENSOR=1\"", "JXT+GSENSOR=1", opt.iterations},
-        {"24 KiB transmission", big, opt.bigIterations},
+        {"\"JXT\"", "JXT", opt.iterations, 0},
+        {"\"JXT+GSENSOR=1\"", "JXT+GSENSOR=1", opt.iterations, 0},
+        {"24 KiB transmission", big, opt.bigIterations, 0},
+        // A slow test station: what a command costs when the threads have gone to sleep.
+        {"\"JXT\", one per ms", "JXT", std::max<size_t>(opt.iterations / 10, 200), 1000},
     };
     for (const Case& c : cases) {
-        report.pairs.push_back(MeasurePair(c.name, c.bytes, e0, s0, d0, c.iterations, opt));
-        PrintPair(report.pairs.back());
-        if (!report.pairs.back().error.empty()) break;  // the stream is out of step
+        report.cases.push_back(MeasureCase(c.name, c.bytes, servers, c.iterations, c.paceUs, opt));
+        PrintCase(report, report.cases.back());
+        if (!report.cases.back().error.empty()) break;  // the stream is out of step
     }
 
-    // Four clients taking turns: each waits for its reply before the next one sends.
+    // Four clients taking turns: each waits for its reply before the next one sends. The raw
+    // echo and the daemons (not the shaped echoes: they serve one client at a time).
     {
-        std::vector<Conn> ec, dc;
-        for (int i = 0; i < 3; ++i) {
-            ec.emplace_back(Connect(echoName));
-            dc.emplace_back(Connect(daemonName));
+        std::vector<size_t> which = {0};
+        for (size_t i = 1 + std::size(shapes); i < servers.size(); ++i) which.push_back(i);
+        std::vector<std::vector<Conn>> groups(which.size());
+        bool ok = true;
+        for (size_t g = 0; g < which.size(); ++g) {
+            const std::string& name = which[g] == 0                        ? echoNames[0]
+                                      : servers[which[g]].pid == daemonPid ? daemonName
+                                                                           : baselineName;
+            for (int i = 0; i < 3; ++i) groups[g].emplace_back(Connect(name));
+            groups[g].push_back(std::move(servers[which[g]].conn));
+            ok = ok && std::all_of(groups[g].begin(), groups[g].end(),
+                                   [](const Conn& c) { return c.ok(); });
+            report.turnLabels.push_back(servers[which[g]].label);
         }
-        ec.push_back(std::move(e0));
-        dc.push_back(std::move(d0));
-        bool ok = std::all_of(ec.begin(), ec.end(), [](const Conn& c) { return c.ok(); }) &&
-                  std::all_of(dc.begin(), dc.end(), [](const Conn& c) { return c.ok(); });
-        bool eok = false, dok = false;
-        if (ok) {
-            TakeTurns(ec, "JXT", opt.warmup, eok);
-            TakeTurns(dc, "JXT", opt.warmup, dok);
-            ok = eok && dok;
+        report.turns.assign(which.size(), 0);
+        for (size_t g = 0; ok && g < groups.size(); ++g) {
+            TakeTurns(groups[g], "JXT", opt.warmup, ok);
         }
         // Alternating halves, as for the latency cases.
-        double eRate = 0, dRate = 0;
         for (int half = 0; ok && half < 2; ++half) {
-            eRate += TakeTurns(ec, "JXT", opt.iterations / 2, eok) / 2;
-            dRate += TakeTurns(dc, "JXT", opt.iterations / 2, dok) / 2;
-            ok = eok && dok;
+            for (size_t g = 0; ok && g < groups.size(); ++g)
+                report.turns[g] += TakeTurns(groups[g], "JXT", opt.iterations / 2, ok) / 2;
         }
         if (ok) {
-            report.turns.echo = eRate;
-            report.turns.daemon = dRate;
-            std::printf("%-24s echo %8.0f cmd/s | vornd %8.0f cmd/s (%.0f%% of echo)\n",
-                        "4 clients taking turns", eRate, dRate, 100.0 * dRate / eRate);
+            for (size_t g = 0; g < groups.size(); ++g)
+                std::printf("4 clients taking turns   %-18s %8.0f cmd/s (%.0f%% of echo)\n",
+                            report.turnLabels[g].c_str(), report.turns[g],
+                            100.0 * report.turns[g] / report.turns[0]);
         } else {
-            report.turns.error = "a client got no reply";
+            report.turnsError = "a client got no reply";
             std::printf("4 clients taking turns   FAILED\n");
         }
 
-        // Resident memory after the warm-up, then the idle window with all four still connected.
+        // Resident memory after the warm-up, then the idle window with all clients connected.
         if (daemonPid > 0) {
             report.rssKiB = StatusKiB(daemonPid, "VmRSS");
             report.hwmKiB = StatusKiB(daemonPid, "VmHWM");
@@ -896,6 +1075,8 @@ int main(int argc, char** argv) {
                         opt.idleSeconds);
         }
     }
+    servers.clear();
+    baseline.Stop();
     int status = daemon.Stop();
     if (status != 0) {
         report.errors.push_back("vornd exit status " + std::to_string(status) + " after SIGTERM");
@@ -925,10 +1106,11 @@ int main(int argc, char** argv) {
     for (const std::string& e : report.errors) std::printf("error: %s\n", e.c_str());
 
     // Targets: "JXT" p50 within 1.5x of the echo (acceptance 2.5x), RSS < 8 MiB, idle ticks 0.
-    bool failed = !report.errors.empty() || !report.turns.error.empty();
-    for (const Pair& p : report.pairs) failed = failed || !p.error.empty();
-    const Pair* jxt = report.pairs.empty() ? nullptr : &report.pairs.front();
-    double ratio = jxt && jxt->error.empty() ? jxt->daemon.p50 / jxt->echo.p50 : -1;
+    bool failed = !report.errors.empty() || !report.turnsError.empty();
+    for (const CaseResult& c : report.cases) failed = failed || !c.error.empty();
+    const CaseResult* jxt = report.cases.empty() ? nullptr : &report.cases.front();
+    double ratio =
+        jxt && jxt->error.empty() ? jxt->figures.back().lat.p50 / jxt->figures.front().lat.p50 : -1;
     std::printf(
         "\ntargets: \"JXT\" p50 ratio %s (target 1.5x, acceptance 2.5x): %s; "
         "RSS %ld KiB < 8192: %s; idle ticks %lld == 0: %s\n",
@@ -939,6 +1121,14 @@ int main(int argc, char** argv) {
                        : "MISSED",
         report.rssKiB, (report.rssKiB >= 0 && report.rssKiB < 8192) ? "met" : "MISSED",
         report.idleTicks, report.idleTicks == 0 ? "met" : "MISSED");
+    if (jxt && jxt->error.empty() && !opt.baseline.empty()) {
+        const Figure& now = jxt->figures.back();
+        const Figure& old = jxt->figures[jxt->figures.size() - 2];
+        std::printf("vornd / baseline: \"JXT\" p50 %s, p99 %s, cpu per command %s\n",
+                    Ratio(now.lat.p50, old.lat.p50).c_str(),
+                    Ratio(now.lat.p99, old.lat.p99).c_str(),
+                    Ratio(now.cpuUsPerCmd, old.cpuUsPerCmd).c_str());
+    }
     if (opt.check) {
         failed = failed || ratio < 0 || ratio > 2.5 || report.rssKiB < 0 || report.rssKiB >= 8192 ||
                  report.idleTicks != 0;

@@ -25,7 +25,14 @@ install(DIRECTORY
     ${PROJECT_SOURCE_DIR}/platform
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_core
     COMPONENT dev
-    FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING PATTERN "*.h"
+    # Side tables and helpers of the library's own .cpp files: no public header includes them.
+    PATTERN "ConfigSchema.h" EXCLUDE
+    PATTERN "FrontEndState.h" EXCLUDE
+    PATTERN "ServiceManagerLock.h" EXCLUDE
+    PATTERN "RequestClock.h" EXCLUDE
+    PATTERN "ServiceLifetime.h" EXCLUDE
+    PATTERN "ServiceRequest.h" EXCLUDE)
 
 # The daemon, the client and the sample HAL; the HAL sits next to libvorn_core.so, where the
 # library's RUNPATH ($ORIGIN) finds the bare name "libvorn_hal.so".

@@ -41,8 +41,9 @@ namespace {
 struct Options {
     std::string socketName = "vorn";
     std::string configPath;
-    std::string checkPath;  // --check-config: the file to check
-    int logLevel = 3;       // warnings and errors: the per-command trace stays off the hot path
+    std::string checkPath;     // --check-config: the file to check
+    int logLevel = 3;          // warnings and errors: the per-command trace stays off the hot path
+    int queueSpinMicros = -1;  // -1: the library's default
     bool printConfig = false;
     int idleTimeout = 0;  // seconds; 0 keeps idle clients for good
     // Peers allowed to connect; both empty: everyone.
@@ -133,6 +134,19 @@ const OptionRow kOptions[] = {
              return false;
          }
          opt.logLevel = v[0] - '0';
+         return true;
+     }},
+    {"queue-spin-us", 0, "N",
+     "how long a service thread that runs out of work keeps looking for more before it sleeps, "
+     "0-1000 microseconds (default 50)",
+     [](Options& opt, const std::string& v) {
+         char* end = nullptr;
+         const long n = std::strtol(v.c_str(), &end, 10);
+         if (v.empty() || *end != '\0' || n < 0 || n > 1000) {
+             std::cerr << "vornd: --queue-spin-us takes 0 to 1000, not \"" << v << "\"\n";
+             return false;
+         }
+         opt.queueSpinMicros = static_cast<int>(n);
          return true;
      }},
     {"print-config", 'p', nullptr, "print the merged configuration and exit",
@@ -368,6 +382,7 @@ int main(int argc, char** argv) {
     if (rc != 0 || done) return rc;
 
     LogMessage::SetMinSeverity(opt.logLevel);
+    if (opt.queueSpinMicros >= 0) SetQueueSpinMicros(opt.queueSpinMicros);
 
     if (!opt.checkPath.empty()) return CheckConfig(opt.checkPath);
 

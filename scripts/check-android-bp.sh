@@ -71,7 +71,9 @@ done
 
 # 2. The exported headers: the files `cmake --install` installs, copied in the same order.
 install_dirs=$(awk '/install\(DIRECTORY/ { on = 1 } on { while (match($0, /\$\{PROJECT_SOURCE_DIR\}\/[a-z]+/)) { print substr($0, RSTART + 22, RLENGTH - 22); $0 = substr($0, RSTART + RLENGTH) } } on && /DESTINATION/ { on = 0 }' "$root/cmake/VornInstall.cmake")
-cm_headers=$( (echo vorn_core.h; for d in $install_dirs; do (cd "$root" && ls "$d"/*.h); done) | sort)
+internal=$(sed -n 's/.*PATTERN "\([^"]*\.h\)" EXCLUDE.*/\1/p' "$root/cmake/VornInstall.cmake")
+cm_headers=$( (echo vorn_core.h; for d in $install_dirs; do (cd "$root" && ls "$d"/*.h); done) |
+    grep -v -x -F -f <(for h in $internal; do for d in $install_dirs; do echo "$d/$h"; done; done) | sort)
 hdr_in=$(bp_values libvorn_core_headers srcs)
 hdr_out=$(bp_values libvorn_core_headers out)
 same_set "public headers" "cmake/VornInstall.cmake" "$cm_headers" "Android.bp" "$hdr_in"

@@ -1,6 +1,7 @@
 #include "service/SFServiceMonitorRunnable.h"
 
 #include <sys/select.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <memory>
 
 #include "platform/LogMessage.h"
+#include "service/RequestClock.h"
 #include "service/SFService.h"
 #include "service/ServiceLifetime.h"
 
@@ -58,6 +60,13 @@ private:
     long m_failures = 0;
     std::chrono::milliseconds m_pause = kFirstPause;
 };
+
+// The end of a wait of `left` from now, on the wall clock the requests are timed with.
+int64_t Deadline(const timeval& left) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return (int64_t(now.tv_sec) + left.tv_sec) * 1000000 + now.tv_usec + left.tv_usec;
+}
 }  // namespace
 
 void SFServiceMonitorRunnable::Run() {
@@ -74,15 +83,22 @@ void SFServiceMonitorRunnable::Run() {
     if (lifetime && !lifetime->AwaitConstructed()) return;
     service->OnStart();
     PipeRebuilder pipe(service, lifetime);
+    RequestClock& clock = RequestClock::Of(service);
     char byte;
     while (!service->IsStopping()) {
         timeval left{0, 0};
-        const int r = service->CalculateRequestTimeout(&left);
+        uint64_t timed = 0;
+        const int r = clock.Arm(service, &left, timed);
         const int fd = service->m_nMsgPipeR;
         if (fd < 0 || fd >= FD_SETSIZE) {
             pipe.Rebuild();
             continue;
         }
+        // Say how long this wait lasts before taking it, then look once more: a request that
+        // began meanwhile either saw the limit (and writes a byte if it ends sooner) or is
+        // seen here.
+        clock.SetMonitorDeadline(r == -1 ? RequestClock::kNoLimit : Deadline(left));
+        if (clock.Sequence() != timed) continue;
         fd_set set;
         FD_ZERO(&set);
         FD_SET(fd, &set);
@@ -95,7 +111,10 @@ void SFServiceMonitorRunnable::Run() {
             continue;
         }
         if (n == 0) {
-            if (!PipeHasData(fd)) service->HandleRequestTimeout();
+            // The limit may be that of a request that has ended since: only the request that
+            // was timed, if it still runs, is timed out; a newer one is timed from its start.
+            if (PipeHasData(fd) || clock.Sequence() != timed || !service->m_pCurReqMsg) continue;
+            service->HandleRequestTimeout();
             continue;
         }
         if (!FD_ISSET(fd, &set)) continue;
@@ -108,7 +127,8 @@ void SFServiceMonitorRunnable::Run() {
             pipe.Rebuild();
             continue;
         }
-        // Whatever the byte says, a request started or ended: the timer starts again.
-        service->StartRequestTimeout();
+        // Whatever the byte says, the timer starts again, from the moment the request thread
+        // took its current request.
+        clock.Forget();
     }
 }

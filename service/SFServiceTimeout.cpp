@@ -2,9 +2,68 @@
 // request thread.
 #include <sys/time.h>
 
+#include <memory>
+#include <unordered_map>
+
 #include "platform/LogMessage.h"
 #include "platform/Thread.h"
+#include "service/RequestClock.h"
 #include "service/SFService.h"
+
+namespace {
+std::mutex g_clocksLock;  // guards g_clocks
+// Never destroyed: a service may outlive the exit-time destructors.
+auto* const g_clocks = new std::unordered_map<const SFService*, std::unique_ptr<RequestClock>>();
+
+int64_t Micros(const timeval& tv) { return int64_t(tv.tv_sec) * 1000000 + tv.tv_usec; }
+}  // namespace
+
+RequestClock& RequestClock::Of(const SFService* service) {
+    std::lock_guard<std::mutex> lock(g_clocksLock);
+    std::unique_ptr<RequestClock>& clock = (*g_clocks)[service];
+    if (!clock) clock = std::make_unique<RequestClock>();
+    return *clock;
+}
+
+void RequestClock::Create(const SFService* service) { Of(service); }
+
+void RequestClock::Drop(const SFService* service) {
+    std::lock_guard<std::mutex> lock(g_clocksLock);
+    g_clocks->erase(service);
+}
+
+bool RequestClock::Begin(SFService* service, SFMessage* msg) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    const int seconds = msg->timeout;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        service->m_nCurReqTimeout = seconds;
+        service->m_pCurReqMsg = msg;
+        ++m_seq;
+        m_start = now;
+    }
+    // The same length as the monitor computes: 0 stands for 15 seconds.
+    const int64_t lengthMs = seconds == 0 ? 15000 : int64_t(seconds) * 1000;
+    // Read after the publication: a monitor that settled on its limit before it could see this
+    // request has stored that limit by now (it stores it before it looks at the sequence).
+    return Micros(now) + lengthMs * 1000 < m_monitorDeadlineUs.load();
+}
+
+int RequestClock::Arm(SFService* service, timeval* left, uint64_t& seq) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_seq != m_adopted) {
+        service->m_tvReqStart = m_start;
+        m_adopted = m_seq;
+    }
+    seq = m_seq;
+    return service->CalculateRequestTimeout(left);
+}
+
+uint64_t RequestClock::Sequence() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_seq;
+}
 
 int SFService::StartRequestTimeout() { return gettimeofday(&m_tvReqStart, nullptr); }
 

@@ -136,6 +136,8 @@ TEST(VorndStartup, RejectsUnusableConfigurationAndBadOptions) {
     r = RunProgram({VORND_PATH, "--print-config", "--config", dir.Write("bad.json", "{ nope")});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(RunProgram({VORND_PATH, "--log-level", "7"}).status, 2);
+    EXPECT_EQ(RunProgram({VORND_PATH, "--queue-spin-us", "1001"}).status, 2);
+    EXPECT_EQ(RunProgram({VORND_PATH, "--queue-spin-us", "5x"}).status, 2);
 }
 
 TEST(VorndStartup, OptionsTakeTheirValueInEveryFormAndCheckConfigAnswersWithItsStatus) {

@@ -1,6 +1,9 @@
 // Request time-outs: one answer per request, the service goes on, left-behind threads end.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include "EngineHarness.h"
 
 using namespace vorn_test;
@@ -76,8 +79,11 @@ TEST(RequestTimeout, ThreadsLeftBehindEndWhenTheirCallsReturn) {
     const int baseline = ThreadCount();
     // Seven hung requests queued on each of three services: 21 time-outs, about 7 seconds.
     const int perService = 7;
-    // No framing on the socket: each command must be taken in before the next is sent.
-    int taken = h.log.Count("End>>>>>>>>>>>>>>>>>>");
+    // No framing on the socket: each command must be taken in before the next is sent. The
+    // intake logs its end after queueing, so a warm-up reply can come before that line: count
+    // from the three warm-up commands' lines.
+    int taken = 3;
+    ASSERT_TRUE(Await([&] { return h.log.Count("End>>>>>>>>>>>>>>>>>>") == taken; }));
     for (int i = 0; i < perService; ++i) {
         for (const char* cmd : {"JXT+HANG", "JXT+SHANG", "JXT+MHANG"}) {
             ASSERT_TRUE(h.client.Send(cmd));
@@ -122,6 +128,47 @@ TEST(RequestTimeout, NegativeAndZeroTimeoutsFollowTheTimerRules) {
     ASSERT_TRUE(h.client.ReadReply(r));
     EXPECT_EQ(0, r.result);
     EXPECT_EQ("late", r.response);
+}
+
+// The monitor is not woken for every request: while it times one limit, a request that ends
+// sooner must still wake it, and one that ends later must not be cut short by the old limit.
+TEST(RequestTimeout, EachRequestIsTimedFromItsOwnStartWhateverTheMonitorWaitsFor) {
+    EngineHarness h(R"({ "misc": { "libpath": ")" + TestHal::Path() +
+                    R"(", "default_timeout": 1, "whitelist": [
+                        { "command": "JXT+LONG", "func": "block_cmd", "timeout": 600 },
+                        { "command": "JXT+HANG", "func": "block_cmd" } ] } })");
+    using Ms = std::chrono::milliseconds;
+    Reply r;
+    // Holds a request in the HAL long enough for the monitor to time it, then lets it end.
+    auto holdThenRelease = [&](const char* command) {
+        if (!h.client.Send(command) || !Await([] { return TestHal::Blocked() == 1; })) return false;
+        std::this_thread::sleep_for(Ms(400));  // the subject of the test: the time it runs
+        TestHal::Release();
+        const bool answered = h.client.ReadReply(r) && r.result == 0;
+        TestHal::Reset();
+        return answered;
+    };
+    auto timedOutAfterMs = [&]() -> long {
+        const auto t0 = std::chrono::steady_clock::now();
+        if (!h.client.Send("JXT+HANG") || !h.client.ReadReply(r, Ms(4000)) || r.result != 1002)
+            return -1;
+        const auto ms = std::chrono::duration_cast<Ms>(std::chrono::steady_clock::now() - t0);
+        TestHal::Release();
+        const bool released = Await([] { return TestHal::Blocked() == 0; });
+        TestHal::Reset();
+        return released ? static_cast<long>(ms.count()) : -1;
+    };
+    // The monitor still waits out the 600 seconds of the request before.
+    ASSERT_TRUE(holdThenRelease("JXT+LONG"));
+    long ms = timedOutAfterMs();
+    EXPECT_GE(ms, 950);
+    EXPECT_LE(ms, 3000);
+    // The limit of the request before runs out while this one runs.
+    ASSERT_TRUE(holdThenRelease("JXT+HANG"));
+    ms = timedOutAfterMs();
+    EXPECT_GE(ms, 950);
+    EXPECT_LE(ms, 3000);
+    EXPECT_FALSE(h.log.Has("MISC_SERVICE: Invalid timeout value detected : Reset timer"));
 }
 
 TEST(RequestTimeout, ShutdownWhileACallHangsNeitherBlocksNorCrashes) {

@@ -1,0 +1,54 @@
+#ifndef VORN_SERVICE_REQUESTCLOCK_H
+#define VORN_SERVICE_REQUESTCLOCK_H
+
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <mutex>
+
+class SFService;
+class SFMessage;
+
+// What the request thread tells the monitor about the request it runs, beside the service
+// object (whose layout hosts are built against). The monitor needs a pipe byte only when it
+// sleeps without a limit, or when a new request must end before the monitor's limit does;
+// otherwise the request thread only publishes the request's start and a sequence number here,
+// and the monitor, when its limit runs out, times out the request only if it is still the one
+// it was timing, and re-arms from the new start if not.
+//
+// Private to the engine: one per service, made by its constructor, dropped by its destructor.
+class RequestClock {
+public:
+    static constexpr int64_t kNoLimit = std::numeric_limits<int64_t>::max();
+
+    // The clock of `service`; it exists from the service's constructor to its destructor.
+    static RequestClock& Of(const SFService* service);
+    static void Create(const SFService* service);
+    static void Drop(const SFService* service);
+
+    // Request thread: `msg` becomes the service's current request now. True when the monitor
+    // must be woken to time it.
+    bool Begin(SFService* service, SFMessage* msg);
+
+    // Monitor: under the clock's lock, adopts the start of a request it has not seen yet into
+    // m_tvReqStart and computes the time left, so that the two always belong to one request.
+    // Returns CalculateRequestTimeout's result; `seq` is the request's sequence number.
+    int Arm(SFService* service, timeval* left, uint64_t& seq);
+    // Monitor: until when it sleeps (wall clock, microseconds), or kNoLimit.
+    void SetMonitorDeadline(int64_t deadlineUs) { m_monitorDeadlineUs.store(deadlineUs); }
+    // Monitor: the sequence number of the latest request.
+    uint64_t Sequence();
+    // Monitor: the next Arm adopts the published start again (after a pipe byte).
+    void Forget() { m_adopted = 0; }
+
+private:
+    std::mutex m_lock;  // guards m_seq, m_start, and the monitor's Arm against Begin
+    uint64_t m_seq = 0;
+    timeval m_start{0, 0};
+    uint64_t m_adopted = 0;  // the request whose start m_tvReqStart holds; monitor only
+    std::atomic<int64_t> m_monitorDeadlineUs{kNoLimit};  // written by the monitor
+};
+
+#endif
