@@ -42,6 +42,14 @@ public:
     uint64_t Sequence();
     // Monitor: the next Arm adopts the published start again (after a pipe byte).
     void Forget() { m_adopted = 0; }
+    // Monitor: the request it is about to time out (0: none named). Once the request thread is
+    // held, the timeout goes ahead only if that request is still the current one: the thread
+    // may have moved on to the next request between the monitor's look and the hold.
+    void Judge(uint64_t seq) { m_judged.store(seq); }
+    bool Overtaken() {
+        const uint64_t judged = m_judged.load();
+        return judged != 0 && judged != Sequence();
+    }
 
 private:
     std::mutex m_lock;  // guards m_seq, m_start, and the monitor's Arm against Begin
@@ -49,6 +57,7 @@ private:
     timeval m_start{0, 0};
     uint64_t m_adopted = 0;  // the request whose start m_tvReqStart holds; monitor only
     std::atomic<int64_t> m_monitorDeadlineUs{kNoLimit};  // written by the monitor
+    std::atomic<uint64_t> m_judged{0};                   // written by the monitor
 };
 
 #endif

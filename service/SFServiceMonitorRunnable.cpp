@@ -114,7 +114,9 @@ void SFServiceMonitorRunnable::Run() {
             // The limit may be that of a request that has ended since: only the request that
             // was timed, if it still runs, is timed out; a newer one is timed from its start.
             if (PipeHasData(fd) || clock.Sequence() != timed || !service->m_pCurReqMsg) continue;
+            clock.Judge(timed);
             service->HandleRequestTimeout();
+            clock.Judge(0);
             continue;
         }
         if (!FD_ISSET(fd, &set)) continue;

@@ -131,7 +131,7 @@ int SFService::HandleRequestTimeout() {
         return 0;
     }
     SFMessage* cur = m_pCurReqMsg;  // stable now: its thread is held
-    if (!cur) {
+    if (!cur || RequestClock::Of(this).Overtaken()) {
         worker->Resolve(false);
         m_bTimeoutHandling = false;
         return 0;
