@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <iostream>
 
 namespace vornctl {
 
@@ -111,6 +112,13 @@ std::string Connection::Open(const Endpoint& endpoint, Clock::time_point deadlin
     }
     freeaddrinfo(list);
     return err;
+}
+
+bool Connection::OpenOrReport(const Endpoint& endpoint, double timeoutSec) {
+    const std::string err = Open(endpoint, Clock::now() + Seconds(timeoutSec));
+    if (err.empty()) return true;
+    std::cerr << "vornctl: cannot reach vornd on " << endpoint.Describe() << ": " << err << "\n";
+    return false;
 }
 
 void Connection::Close() {

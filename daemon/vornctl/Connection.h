@@ -15,6 +15,10 @@ namespace vornctl {
 
 using Clock = std::chrono::steady_clock;
 
+inline Clock::duration Seconds(double seconds) {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
 // Where vornd listens: an abstract socket name, or a TCP host and port.
 struct Endpoint {
     std::string socketName = "vorn";
@@ -37,6 +41,8 @@ public:
 
     // Empty on success, otherwise the reason ("timed out" when the deadline passed first).
     std::string Open(const Endpoint& endpoint, Clock::time_point deadline);
+    // Open within `timeoutSec` from now; false after vornctl's "cannot reach vornd" line.
+    bool OpenOrReport(const Endpoint& endpoint, double timeoutSec);
     void Close();
     bool IsOpen() const { return m_fd >= 0; }
 

@@ -116,15 +116,10 @@ private:
 }  // namespace
 
 int RunPlan(const Plan& plan, const Options& opt) {
-    const auto timeout =
-        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.timeoutSec));
     Connection conn;
-    std::string err = conn.Open(opt.endpoint, Clock::now() + timeout);
-    if (!err.empty()) {
-        std::cerr << "vornctl: cannot reach vornd on " << opt.endpoint.Describe() << ": " << err
-                  << "\n";
-        return kExitNoAnswer;
-    }
+    if (!conn.OpenOrReport(opt.endpoint, opt.timeoutSec)) return kExitNoAnswer;
+    const Clock::duration timeout = Seconds(opt.timeoutSec);
+    std::string err;
 
     // Every outcome is kept only for a report: a plan repeated all night keeps counters.
     const bool keep = !opt.junitPath.empty();

@@ -25,15 +25,10 @@ using namespace vornctl;
 
 // Commands from the line or stdin, each printed as it is answered.
 int RunCommands(const Options& opt) {
-    const auto timeout =
-        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.timeoutSec));
     Connection conn;
-    std::string err = conn.Open(opt.endpoint, Clock::now() + timeout);
-    if (!err.empty()) {
-        std::cerr << "vornctl: cannot reach vornd on " << opt.endpoint.Describe() << ": " << err
-                  << "\n";
-        return kExitNoAnswer;
-    }
+    if (!conn.OpenOrReport(opt.endpoint, opt.timeoutSec)) return kExitNoAnswer;
+    const Clock::duration timeout = Seconds(opt.timeoutSec);
+    std::string err;
     const bool fromStdin = opt.commands.empty();
     bool anyFailed = false;
     size_t next = 0;
