@@ -152,23 +152,23 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
             opt.commands.push_back(a);
             continue;
         }
-        const OptionSpec* spec = nullptr;
+        const OptionSpec* row = nullptr;
         std::string value;
         bool hasValue = false;
         if (a[1] == '-') {
             const size_t eq = a.find('=');
             const std::string name = a.substr(2, eq == std::string::npos ? eq : eq - 2);
             for (const OptionSpec& o : kOptions)
-                if (name == o.longName) spec = &o;
+                if (name == o.longName) row = &o;
             if (eq != std::string::npos) {
                 value = a.substr(eq + 1);
                 hasValue = true;
             }
         } else {
             for (const OptionSpec& o : kOptions)
-                if (o.shortName == a[1]) spec = &o;
+                if (o.shortName == a[1]) row = &o;
             // Anything else with one dash is a command, as it always was ("-5").
-            if (!spec) {
+            if (!row) {
                 opt.commands.push_back(a);
                 continue;
             }
@@ -177,13 +177,13 @@ int ParseOptions(int argc, char** argv, Options& opt, bool& done) {
                 hasValue = true;
             }
         }
-        if (!spec) return Bad("unknown option " + a);
-        if (!spec->value && hasValue) return Bad(a.substr(0, a.find('=')) + " takes no value");
-        if (spec->value && !hasValue) {
+        if (!row) return Bad("unknown option " + a);
+        if (!row->value && hasValue) return Bad(a.substr(0, a.find('=')) + " takes no value");
+        if (row->value && !hasValue) {
             if (i + 1 >= argc) return Bad(a + " needs a value");
             value = argv[++i];
         }
-        const int rc = Apply(*spec, value, opt, done);
+        const int rc = Apply(*row, value, opt, done);
         if (rc != kExitOk) return rc;
     }
     if (done) return kExitOk;
