@@ -18,15 +18,10 @@ class SFMessage;
 // and the monitor, when its limit runs out, times out the request only if it is still the one
 // it was timing, and re-arms from the new start if not.
 //
-// Private to the engine: one per service, made by its constructor, dropped by its destructor.
+// Private to the engine: one per service, held by the service's ServiceLifetime.
 class RequestClock {
 public:
     static constexpr int64_t kNoLimit = std::numeric_limits<int64_t>::max();
-
-    // The clock of `service`; it exists from the service's constructor to its destructor.
-    static RequestClock& Of(const SFService* service);
-    static void Create(const SFService* service);
-    static void Drop(const SFService* service);
 
     // Request thread: `msg` becomes the service's current request now. True when the monitor
     // must be woken to time it.

@@ -8,7 +8,6 @@
 #include <mutex>
 
 #include "platform/LogMessage.h"
-#include "service/RequestClock.h"
 #include "service/ServiceLifetime.h"
 
 namespace {
@@ -39,7 +38,6 @@ SFService::SFService(ContextWrapper* context, int serviceId)
       m_nCurReqTimeout(0) {
     // Before the monitor thread exists: it looks the extras up as it boots.
     ServiceLifetime::Create(this);
-    RequestClock::Create(this);
     m_pDllParser = new DllParser();
     m_pDllParser->SetTag("VORN");
     pthread_mutex_init(&m_mtxPipeWrite, nullptr);
@@ -205,7 +203,6 @@ SFService::~SFService() {
     m_pDllParser->UnLoad();
     delete m_pDllParser;
     m_pDllParser = nullptr;
-    RequestClock::Drop(this);  // no thread of this service reads it any more
     // The rows stay: the vendor-command table keeps pointing at their command texts.
     ServiceLifetime::Erase(this);
     std::lock_guard<std::mutex> lock(g_retiredRowsLock);

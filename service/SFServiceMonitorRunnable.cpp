@@ -10,7 +10,6 @@
 #include <memory>
 
 #include "platform/LogMessage.h"
-#include "service/RequestClock.h"
 #include "service/SFService.h"
 #include "service/ServiceLifetime.h"
 
@@ -80,10 +79,10 @@ void SFServiceMonitorRunnable::Run() {
     // The service may still be under construction here: its own OnStart is called once the
     // object is complete (registered with the manager, or given its first request).
     const std::shared_ptr<ServiceLifetime> lifetime = ServiceLifetime::Find(service);
-    if (lifetime && !lifetime->AwaitConstructed()) return;
+    if (!lifetime || !lifetime->AwaitConstructed()) return;
     service->OnStart();
     PipeRebuilder pipe(service, lifetime);
-    RequestClock& clock = RequestClock::Of(service);
+    RequestClock& clock = lifetime->Clock();
     char byte;
     while (!service->IsStopping()) {
         timeval left{0, 0};

@@ -13,7 +13,6 @@
 #include "platform/LogMessage.h"
 #include "platform/Thread.h"
 #include "routing/SFServiceManager.h"
-#include "service/RequestClock.h"
 #include "service/SFService.h"
 #include "service/ServiceLifetime.h"
 
@@ -36,8 +35,8 @@ const cmd_entry* FindRow(const std::list<cmd_entry*>& rows, const std::string& h
 
 // The handler span of one request: from OnHandleRequest to the end of the row's handler.
 struct HandlerSpan {
-    explicit HandlerSpan(const SFService* service)
-        : entered(ServiceLifetime::EnterHandler(ServiceLifetime::Find(service))) {}
+    explicit HandlerSpan(std::shared_ptr<ServiceLifetime> lifetime)
+        : entered(ServiceLifetime::EnterHandler(std::move(lifetime))) {}
     ~HandlerSpan() { ServiceLifetime::LeaveHandler(); }
     const bool entered;
 };
@@ -121,13 +120,16 @@ int SFService::HandleRequest() {
         usleep(20000);
         return 0;
     }
+    // Only a service being destroyed has none; its request thread takes nothing more.
+    std::shared_ptr<ServiceLifetime> lifetime = ServiceLifetime::Find(this);
+    if (!lifetime) return 0;
     // The previous request is released only now, when the next one is taken.
     delete m_pCurReqMsg.exchange(nullptr);
     SFMessage* msg = reqDeQ();
     if (!msg) return 0;  // the queue was switched off, or a wake-up found it empty
     // The monitor times the request from now. It needs a byte only when it sleeps without a
     // limit or past this request's end; otherwise it finds the request when its limit runs out.
-    if (RequestClock::Of(this).Begin(this, msg)) {
+    if (lifetime->Clock().Begin(this, msg)) {
         NotifyNewMessage(msg);
     } else {
         TraceNotify(msg->direction);
@@ -139,7 +141,7 @@ int SFService::HandleRequest() {
     // Handlers are foreign code: if one outlives its timeout, the monitor takes the request
     // away and this thread, once it comes back, leaves without touching anything shared. The
     // engine's own code inside them is waited for by the service's destruction.
-    HandlerSpan span(this);
+    HandlerSpan span(std::move(lifetime));
     if (!span.entered) return 0;  // the service is being destroyed
     Thread::BeginForeignCall();
     OnHandleRequest(msg);

@@ -7,30 +7,12 @@
 
 #include "platform/LogMessage.h"
 #include "platform/Thread.h"
-#include "service/RequestClock.h"
 #include "service/SFService.h"
+#include "service/ServiceLifetime.h"
 
 namespace {
-std::mutex g_clocksLock;  // guards g_clocks
-// Never destroyed: a service may outlive the exit-time destructors.
-auto* const g_clocks = new std::unordered_map<const SFService*, std::unique_ptr<RequestClock>>();
-
 int64_t Micros(const timeval& tv) { return int64_t(tv.tv_sec) * 1000000 + tv.tv_usec; }
 }  // namespace
-
-RequestClock& RequestClock::Of(const SFService* service) {
-    std::lock_guard<std::mutex> lock(g_clocksLock);
-    std::unique_ptr<RequestClock>& clock = (*g_clocks)[service];
-    if (!clock) clock = std::make_unique<RequestClock>();
-    return *clock;
-}
-
-void RequestClock::Create(const SFService* service) { Of(service); }
-
-void RequestClock::Drop(const SFService* service) {
-    std::lock_guard<std::mutex> lock(g_clocksLock);
-    g_clocks->erase(service);
-}
 
 bool RequestClock::Begin(SFService* service, SFMessage* msg) {
     timeval now;
@@ -131,7 +113,8 @@ int SFService::HandleRequestTimeout() {
         return 0;
     }
     SFMessage* cur = m_pCurReqMsg;  // stable now: its thread is held
-    if (!cur || RequestClock::Of(this).Overtaken()) {
+    const std::shared_ptr<ServiceLifetime> lifetime = ServiceLifetime::Find(this);
+    if (!cur || (lifetime && lifetime->Clock().Overtaken())) {
         worker->Resolve(false);
         m_bTimeoutHandling = false;
         return 0;

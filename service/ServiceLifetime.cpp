@@ -4,7 +4,8 @@
 
 namespace {
 std::mutex g_tableLock;  // guards g_table
-std::unordered_map<const SFService*, std::shared_ptr<ServiceLifetime>> g_table;
+// Never destroyed: a service's threads may still look theirs up while the process exits.
+auto* const g_table = new std::unordered_map<const SFService*, std::shared_ptr<ServiceLifetime>>();
 
 // The span of the handler that the calling thread runs, if any.
 thread_local std::shared_ptr<ServiceLifetime> t_lifetime;
@@ -15,19 +16,19 @@ thread_local int t_detached = 0;     // depth of Detach calls
 std::shared_ptr<ServiceLifetime> ServiceLifetime::Create(const SFService* service) {
     auto lifetime = std::make_shared<ServiceLifetime>();
     std::lock_guard<std::mutex> lock(g_tableLock);
-    g_table[service] = lifetime;
+    (*g_table)[service] = lifetime;
     return lifetime;
 }
 
 std::shared_ptr<ServiceLifetime> ServiceLifetime::Find(const SFService* service) {
     std::lock_guard<std::mutex> lock(g_tableLock);
-    auto it = g_table.find(service);
-    return it == g_table.end() ? nullptr : it->second;
+    auto it = g_table->find(service);
+    return it == g_table->end() ? nullptr : it->second;
 }
 
 void ServiceLifetime::Erase(const SFService* service) {
     std::lock_guard<std::mutex> lock(g_tableLock);
-    g_table.erase(service);
+    g_table->erase(service);
 }
 
 bool ServiceLifetime::EnterHandler(std::shared_ptr<ServiceLifetime> lifetime) {

@@ -6,6 +6,8 @@
 #include <memory>
 #include <mutex>
 
+#include "service/RequestClock.h"
+
 class SFService;
 
 // Not exported. What a service keeps beside its fixed layout, found by the service's address:
@@ -16,6 +18,8 @@ class SFService;
 // call (or in a wait that touches nothing of the service). Close, on the way to the destructor,
 // waits until no thread is inside; a thread that comes back from a HAL call after that finds the
 // gate closed and must not go back into code that could reach the freed service.
+//
+// The clock: what the request thread tells the monitor about the request it runs.
 //
 // The start: the monitor thread boots while the object may still be under construction, so it
 // calls OnStart only once the object is known to be complete: when it is registered with the
@@ -45,6 +49,8 @@ public:
     // Waits for `length`, or less when the service stops meanwhile.
     void Pause(std::chrono::milliseconds length);
 
+    RequestClock& Clock() { return m_clock; }
+
 private:
     std::mutex m_lock;  // guards the fields below
     std::condition_variable m_changed;
@@ -52,6 +58,7 @@ private:
     bool m_bClosed = false;
     bool m_bConstructed = false;
     bool m_bStopped = false;
+    RequestClock m_clock;
 };
 
 #endif
