@@ -99,6 +99,20 @@ bool ParseIds(const std::string& option, const std::string& list, std::vector<Id
     }
 }
 
+// A whole number from 0 to `most`; false (after a message naming the option) otherwise.
+bool ParseBounded(const char* option, const std::string& v, long most, const char* unit, int& out) {
+    char* end = nullptr;
+    errno = 0;
+    const long n = std::strtol(v.c_str(), &end, 10);
+    if (v.empty() || *end != '\0' || errno != 0 || n < 0 || n > most) {
+        std::cerr << "vornd: " << option << " takes 0 to " << most << unit << ", not \"" << v
+                  << "\"\n";
+        return false;
+    }
+    out = static_cast<int>(n);
+    return true;
+}
+
 // One row an option: its long and short names, the name of its value (none for a switch), its
 // line in --help, and what it does with the value. Parsing, --help, the man page check and the
 // README check all go by this table, so a new option is one row here.
@@ -140,14 +154,7 @@ const OptionRow kOptions[] = {
      "how long a service thread that runs out of work keeps looking for more before it sleeps, "
      "0-1000 microseconds (default 50)",
      [](Options& opt, const std::string& v) {
-         char* end = nullptr;
-         const long n = std::strtol(v.c_str(), &end, 10);
-         if (v.empty() || *end != '\0' || n < 0 || n > 1000) {
-             std::cerr << "vornd: --queue-spin-us takes 0 to 1000, not \"" << v << "\"\n";
-             return false;
-         }
-         opt.queueSpinMicros = static_cast<int>(n);
-         return true;
+         return ParseBounded("--queue-spin-us", v, 1000, "", opt.queueSpinMicros);
      }},
     {"print-config", 'p', nullptr, "print the merged configuration and exit",
      [](Options& opt, const std::string&) {
@@ -158,14 +165,7 @@ const OptionRow kOptions[] = {
      "close a client silent for SEC seconds (0, the default: never; no less than the longest "
      "request timeout)",
      [](Options& opt, const std::string& v) {
-         char* end = nullptr;
-         const long seconds = strtol(v.c_str(), &end, 10);
-         if (v.empty() || *end != '\0' || seconds < 0 || seconds > 86400) {
-             std::cerr << "vornd: --idle-timeout takes 0 to 86400 seconds, not \"" << v << "\"\n";
-             return false;
-         }
-         opt.idleTimeout = static_cast<int>(seconds);
-         return true;
+         return ParseBounded("--idle-timeout", v, 86400, " seconds", opt.idleTimeout);
      }},
     {"allow-uid", 0, "LIST", "only peers with one of these user ids or names may connect",
      [](Options& opt, const std::string& v) { return ParseIds("--allow-uid", v, opt.allowUids); }},
