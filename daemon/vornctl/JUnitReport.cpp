@@ -65,20 +65,32 @@ std::string ReplyText(const StepOutcome& o) {
            ")\ncommand " + Escape(o.reply.request) + "\nresponse " + Escape(o.reply.response);
 }
 
-}  // namespace
-
-std::string WriteJUnitReport(const std::string& path, const Plan& plan, int rounds,
-                             const std::vector<StepOutcome>& outcomes) {
+// The counts a testsuites or testsuite element carries.
+struct Tally {
     int tests = 0, failures = 0, skipped = 0;
-    double total = 0;
-    for (const StepOutcome& o : outcomes) {
+    double seconds = 0;
+
+    void Add(const StepOutcome& o) {
         ++tests;
         if (!o.run)
             ++skipped;
         else if (!o.passed)
             ++failures;
-        total += o.seconds;
+        seconds += o.seconds;
     }
+    std::string Attributes() const {
+        return " tests=\"" + std::to_string(tests) + "\" failures=\"" + std::to_string(failures) +
+               "\" errors=\"0\" skipped=\"" + std::to_string(skipped) + "\" time=\"" +
+               Seconds(seconds) + "\"";
+    }
+};
+
+}  // namespace
+
+std::string WriteJUnitReport(const std::string& path, const Plan& plan, int rounds,
+                             const std::vector<StepOutcome>& outcomes) {
+    Tally all;
+    for (const StepOutcome& o : outcomes) all.Add(o);
     char stamp[32] = "";
     const std::time_t now = std::time(nullptr);
     std::tm tm{};
@@ -86,24 +98,14 @@ std::string WriteJUnitReport(const std::string& path, const Plan& plan, int roun
 
     std::ostringstream x;
     x << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-      << "<testsuites name=\"vornctl\" tests=\"" << tests << "\" failures=\"" << failures
-      << "\" errors=\"0\" skipped=\"" << skipped << "\" time=\"" << Seconds(total) << "\">\n";
+      << "<testsuites name=\"vornctl\"" << all.Attributes() << ">\n";
     for (int round = 1; round <= rounds; ++round) {
-        int t = 0, f = 0, s = 0;
-        double time = 0;
-        for (const StepOutcome& o : outcomes) {
-            if (o.round != round) continue;
-            ++t;
-            if (!o.run)
-                ++s;
-            else if (!o.passed)
-                ++f;
-            time += o.seconds;
-        }
+        Tally tally;
+        for (const StepOutcome& o : outcomes)
+            if (o.round == round) tally.Add(o);
         const std::string suite =
             rounds > 1 ? plan.name + " (round " + std::to_string(round) + ")" : plan.name;
-        x << "  <testsuite name=\"" << Xml(suite) << "\" tests=\"" << t << "\" failures=\"" << f
-          << "\" errors=\"0\" skipped=\"" << s << "\" time=\"" << Seconds(time) << "\" timestamp=\""
+        x << "  <testsuite name=\"" << Xml(suite) << "\"" << tally.Attributes() << " timestamp=\""
           << stamp << "\">\n";
         for (const StepOutcome& o : outcomes) {
             if (o.round != round) continue;
