@@ -34,8 +34,20 @@ set(CPACK_DEBIAN_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME vorn)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION admin)
+# jsoncpp's runtime package carries the library's soname (libjsoncpp25 on Debian 12): asked of
+# dpkg for the library this build links.
+set(VORN_JSONCPP_PACKAGE libjsoncpp25)
+find_library(VORN_JSONCPP_LIBRARY NAMES jsoncpp HINTS ${JSONCPP_LIBRARY_DIRS})
+if(VORN_JSONCPP_LIBRARY)
+    get_filename_component(_vorn_jsoncpp_real ${VORN_JSONCPP_LIBRARY} REALPATH)
+    execute_process(COMMAND dpkg-query -S ${_vorn_jsoncpp_real}
+        OUTPUT_VARIABLE _vorn_jsoncpp_owner OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+    if(_vorn_jsoncpp_owner MATCHES "^([a-z0-9.+-]+)(:[a-z0-9]+)?: ")
+        set(VORN_JSONCPP_PACKAGE ${CMAKE_MATCH_1})
+    endif()
+endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
-    "libc6, libstdc++6, libgcc-s1, libcjson1, android-liblog, android-libcutils")
+    "libc6, libstdc++6, libgcc-s1, ${VORN_JSONCPP_PACKAGE}, android-liblog, android-libcutils")
 # The first line of each description is the package's synopsis.
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "Device-side command daemon\nvornd serves short text commands from a test station on an abstract local\nsocket, routes each to a device service and answers with one reply record;\nvornctl is its command-line client. Includes libvorn_core, a sample HAL and a\nsystemd unit (not enabled).")

@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     cmake ninja-build g++ pkg-config binutils dpkg
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    android-libcutils-dev android-liblog-dev libcjson-dev
+    android-libcutils-dev android-liblog-dev libjsoncpp-dev
     clang libclang-rt-14-dev
     python3 python3-pytest
 )

@@ -112,7 +112,7 @@ TEST(Packaging, CpackMakesARuntimeAndADevelopmentDebThatUnpackAndRun) {
     ASSERT_EQ(fields.status, 0) << fields.output;
     for (const std::string& field : std::vector<std::string>{
              std::string("Package: vorn\n"), "Version: " + version + "\n", "android-liblog",
-             "libcjson1", "Package: vorn-dev\nDepends: vorn (= " + version + ")\n"})
+             "libjsoncpp25", "Package: vorn-dev\nDepends: vorn (= " + version + ")\n"})
         EXPECT_NE(fields.output.find(field), std::string::npos) << field << "\n" << fields.output;
 
     // What a device or server runs, and nothing to build with; the reverse for the other.
