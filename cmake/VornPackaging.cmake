@@ -1,6 +1,6 @@
 # `cpack -G DEB` in the build folder: two Debian packages from the install components.
 #   vorn      runtime: libvorn_core.so.1, vornd, vornctl, the sample HAL, the systemd unit,
-#             the man pages
+#             the man pages, the Python client
 #   vorn-dev  development: headers, libvorn_core.so, the CMake package, the pkg-config file
 # Packages install under /usr. The dependencies are named here rather than found by
 # dpkg-shlibdeps, which has no information for Debian's private Android libraries.
@@ -34,11 +34,33 @@ set(CPACK_DEBIAN_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME vorn)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION admin)
+# jsoncpp's runtime package carries the library's soname (libjsoncpp25 on Debian 12): asked of
+# dpkg for the library this build links.
+set(VORN_JSONCPP_PACKAGE libjsoncpp25)
+find_library(VORN_JSONCPP_LIBRARY NAMES jsoncpp HINTS ${JSONCPP_LIBRARY_DIRS})
+if(VORN_JSONCPP_LIBRARY)
+    get_filename_component(_vorn_jsoncpp_real ${VORN_JSONCPP_LIBRARY} REALPATH)
+    execute_process(COMMAND dpkg-query -S ${_vorn_jsoncpp_real}
+        OUTPUT_VARIABLE _vorn_jsoncpp_owner OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+    if(_vorn_jsoncpp_owner MATCHES "^([a-z0-9.+-]+)(:[a-z0-9]+)?: ")
+        set(VORN_JSONCPP_PACKAGE ${CMAKE_MATCH_1})
+    endif()
+endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
-    "libc6, libstdc++6, libgcc-s1, libcjson1, android-liblog, android-libcutils")
+    "libc6, libstdc++6, libgcc-s1, ${VORN_JSONCPP_PACKAGE}, android-liblog, android-libcutils")
+# Only the Python client needs it.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "python3 (>= 3.9)")
 # The first line of each description is the package's synopsis.
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
-    "Device-side command daemon\nvornd serves short text commands from a test station on an abstract local\nsocket, routes each to a device service and answers with one reply record;\nvornctl is its command-line client. Includes libvorn_core, a sample HAL and a\nsystemd unit (not enabled).")
+    "Device-side command daemon\nvornd serves short text commands from a test station on an abstract local\nsocket, routes each to a device service and answers with one reply record;\nvornctl is its command-line client. Includes libvorn_core, a sample HAL, a\nsystemd unit (not enabled) and the Python client (import vorn_client).")
+# libvorn_core.so.1 lands in a folder of ld.so's cache: a trigger runs ldconfig after dpkg has
+# installed or removed it, and the shlibs file tells dpkg-shlibdeps which package a program
+# built against it depends on.
+configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/shlibs.in ${PROJECT_BINARY_DIR}/debian/shlibs
+    @ONLY)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/cmake/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME vorn-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "vorn (= ${PROJECT_VERSION})")

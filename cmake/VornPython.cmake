@@ -3,6 +3,8 @@
 # VORN_PYTHON_DIR (relative to the install prefix): the folder the system's python3 searches
 # under CMAKE_INSTALL_PREFIX (lib/python3/dist-packages for /usr on Debian,
 # lib/python3.X/dist-packages for /usr/local), else the standard lib/python3.X/site-packages.
+# An install under /usr (a Debian package) always uses lib/python3/dist-packages
+# (clients/python/CMakeLists.txt).
 # VORN_PYTEST_PYTHON: the first of /usr/bin/python3 and the python3 on PATH that can import
 # pytest; empty when none can, and the Python tests are then reported as skipped.
 

@@ -69,7 +69,7 @@ for lib in libvorn_core libvorn_core_static; do
         fail "$lib does not build from libvorn_core_defaults"
 done
 
-# 2. The exported headers: the files `cmake --install` installs, copied in the same order.
+# 2. The exported headers: the files `cmake --install` installs, copied under include/.
 install_dirs=$(awk '/install\(DIRECTORY/ { on = 1 } on { while (match($0, /\$\{PROJECT_SOURCE_DIR\}\/[a-z]+/)) { print substr($0, RSTART + 22, RLENGTH - 22); $0 = substr($0, RSTART + RLENGTH) } } on && /DESTINATION/ { on = 0 }' "$root/cmake/VornInstall.cmake")
 internal=$(sed -n 's/.*PATTERN "\([^"]*\.h\)" EXCLUDE.*/\1/p' "$root/cmake/VornInstall.cmake")
 cm_headers=$( (echo vorn_core.h; for d in $install_dirs; do (cd "$root" && ls "$d"/*.h); done) |
@@ -77,7 +77,12 @@ cm_headers=$( (echo vorn_core.h; for d in $install_dirs; do (cd "$root" && ls "$
 hdr_in=$(bp_values libvorn_core_headers srcs)
 hdr_out=$(bp_values libvorn_core_headers out)
 same_set "public headers" "cmake/VornInstall.cmake" "$cm_headers" "Android.bp" "$hdr_in"
-[ "$hdr_in" = "$hdr_out" ] || fail "libvorn_core_headers: srcs and out must list the same files in the same order"
+# Soong takes an output with an input's name for a second place of that label, so the copies
+# go under include/, which the genrule exports.
+[ "$(printf '%s\n' "$hdr_in" | sed 's|^|include/|')" = "$hdr_out" ] ||
+    fail "libvorn_core_headers: out must list the files of srcs, in the same order, under include/"
+[ "$(bp_values libvorn_core_headers export_include_dirs)" = include ] ||
+    fail "libvorn_core_headers does not export exactly its include folder"
 bp_values libvorn_core export_generated_headers | grep -qx libvorn_core_headers ||
     fail "libvorn_core does not export libvorn_core_headers"
 if bp_values libvorn_core export_include_dirs | grep -q .; then

@@ -28,7 +28,7 @@ if [ "$setup" -eq 1 ]; then
     $SUDO apt-get update -qq
     $SUDO apt-get install -y -qq --no-install-recommends \
         cmake ninja-build pkg-config g++-aarch64-linux-gnu qemu-user-static \
-        android-liblog-dev:arm64 android-libcutils-dev:arm64 libcjson-dev:arm64 \
+        android-liblog-dev:arm64 android-libcutils-dev:arm64 libjsoncpp-dev:arm64 \
         libgtest-dev:arm64
 fi
 

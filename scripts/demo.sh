@@ -6,8 +6,13 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 ./scripts/setup.sh
-cmake -S . -B build -G Ninja
-cmake --build build -j"$(nproc)"
+jobs=${VORN_JOBS:-$(nproc)}  # as in test.sh
+# The tools are what the demo runs. It needs no tests, so a new build/ leaves them out (and
+# the test packages uninstalled); one that test.sh set up keeps them.
+tests=OFF
+if grep -q '^VORN_BUILD_TESTS:BOOL=ON$' build/CMakeCache.txt 2>/dev/null; then tests=ON; fi
+cmake -S . -B build -G Ninja -DVORN_BUILD_TOOLS=ON -DVORN_BUILD_TESTS=$tests -DVORN_SANITIZE=
+cmake --build build -j"$jobs" --target vornd vornctl vorn_hal
 
 socket="vorn_demo_$$"
 log="$(mktemp -t vornd-demo.XXXXXX)"

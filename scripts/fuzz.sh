@@ -12,7 +12,7 @@ shift || true
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=(fuzz_parser fuzz_config fuzz_transmission)
 
-./scripts/setup.sh
+./scripts/setup.sh --fuzz
 build=build-fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo \

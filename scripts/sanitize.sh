@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 
 mode=${1:-asan}
 shift || true
-./scripts/setup.sh
+./scripts/setup.sh --sanitizers
 
 jobs=2
 case "$mode" in

@@ -79,6 +79,13 @@ TEST_F(ConfigFile, UnknownKeysFallBackOnTheLastServiceNamed) {
     EXPECT_TRUE(cfg.IsSupport(SENSOR_SERVICE));
     EXPECT_TRUE(cfg.IsSupport(MODEM_SERVICE));
     EXPECT_EQ(9, cfg.GetDftTimeout(MISC_SERVICE));
+    // Each unknown key goes to the service named just before it in the file, not by name.
+    ASSERT_TRUE(Apply(R"({ "sensor": {}, "zz": { "default_timeout": 4 },
+                           "modem": {}, "aa": { "default_func": "m" } })"));
+    EXPECT_EQ(4, cfg.GetDftTimeout(SENSOR_SERVICE));
+    EXPECT_EQ(15, cfg.GetDftTimeout(MODEM_SERVICE));
+    EXPECT_EQ("m", cfg.GetConfig(MODEM_SERVICE)->m_strFunc);
+    EXPECT_EQ("", cfg.GetConfig(SENSOR_SERVICE)->m_strFunc);
 }
 
 TEST_F(ConfigFile, RepeatedKeysApplyAgainInDocumentOrder) {
@@ -95,9 +102,10 @@ TEST_F(ConfigFile, EntryObjectsCollectCommandsInMemberOrder) {
     ASSERT_TRUE(Apply(R"({ "misc": { "whitelist": [
         { "timeout": 7, "func": "g", "commands": [ "JXT+C1", 5, "JXT+C2" ], "command": "JXT+C0" },
         { "command": "JXT+D", "command": "JXT+D" },
-        { "timeout": 1 } ] } })"));
+        { "timeout": 1 },
+        { "command": "JXT+E", "commands": [ "JXT+F" ] } ] } })"));
     const auto& rows = List(MISC_SERVICE);
-    ASSERT_EQ(6u, rows.size());
+    ASSERT_EQ(8u, rows.size());
     EXPECT_EQ("JXT+C1", rows[0].command);
     EXPECT_EQ("", rows[1].command);  // a non-string name is an empty command
     EXPECT_EQ("JXT+C2", rows[2].command);
@@ -108,6 +116,8 @@ TEST_F(ConfigFile, EntryObjectsCollectCommandsInMemberOrder) {
     }
     EXPECT_EQ("JXT+D", rows[4].command);
     EXPECT_EQ("JXT+D", rows[5].command);
+    EXPECT_EQ("JXT+E", rows[6].command);
+    EXPECT_EQ("JXT+F", rows[7].command);
 }
 
 TEST_F(ConfigFile, ElementsWithoutACommandRepeatTheLastOne) {

@@ -59,6 +59,34 @@ TEST(JsonNode, RepeatedKeysReadTheOccurrenceJustIterated) {
     EXPECT_TRUE(doc.Get("k", v) && v == 2);
 }
 
+TEST(JsonNode, MembersComeInDocumentOrderWithEveryRepetition) {
+    // "\u0061" is the key "a" again; the first "k" holds a repetition of its own.
+    neb::CJsonObject doc(R"({ "k": { "z": 1, "z": [ 2 ] }, "b": true, "\u0061": "one",
+                              "a": "two", "k": 3 })");
+    std::vector<std::string> keys;
+    std::vector<std::string> texts;
+    std::string key;
+    while (doc.GetKey(key)) {
+        keys.push_back(key);
+        texts.push_back(doc[key].ToString());
+    }
+    EXPECT_EQ((std::vector<std::string>{"k", "b", "a", "a", "k"}), keys);
+    EXPECT_EQ((std::vector<std::string>{R"({ "z": 1, "z": [ 2 ] })", "true", R"("one")", R"("two")",
+                                        "3"}),
+              texts);
+    ASSERT_TRUE(doc.GetKey(key));  // the first "k": its own members, both of them
+    neb::CJsonObject& first = doc[key];
+    ASSERT_TRUE(first.GetKey(key));
+    int z = 0;
+    EXPECT_TRUE(first.Get(key, z) && z == 1);
+    ASSERT_TRUE(first.GetKey(key));
+    EXPECT_EQ(1, first[key].GetArraySize());
+    EXPECT_FALSE(first.GetKey(key));
+    // The nesting the reader accepts ends at 1000 levels.
+    EXPECT_TRUE(doc.Parse(std::string(1000, '[') + std::string(1000, ']')));
+    EXPECT_FALSE(doc.Parse(std::string(1001, '[') + std::string(1001, ']')));
+}
+
 TEST(JsonNode, CopiesAreIndependentValues) {
     auto* original = new neb::CJsonObject(R"({ "a": { "b": "c" } })");
     neb::CJsonObject copy(*original);

@@ -112,7 +112,7 @@ TEST(Packaging, CpackMakesARuntimeAndADevelopmentDebThatUnpackAndRun) {
     ASSERT_EQ(fields.status, 0) << fields.output;
     for (const std::string& field : std::vector<std::string>{
              std::string("Package: vorn\n"), "Version: " + version + "\n", "android-liblog",
-             "libcjson1", "Package: vorn-dev\nDepends: vorn (= " + version + ")\n"})
+             "libjsoncpp25", "Package: vorn-dev\nDepends: vorn (= " + version + ")\n"})
         EXPECT_NE(fields.output.find(field), std::string::npos) << field << "\n" << fields.output;
 
     // What a device or server runs, and nothing to build with; the reverse for the other.
@@ -122,7 +122,8 @@ TEST(Packaging, CpackMakesARuntimeAndADevelopmentDebThatUnpackAndRun) {
                                     lib + "/libvorn_core.so." + version, lib + "/libvorn_hal.so",
                                     std::string("/usr/lib/systemd/system/vornd.service"),
                                     std::string("/usr/share/man/man8/vornd.8.gz"),
-                                    std::string("/usr/share/doc/vorn/copyright")})
+                                    std::string("/usr/share/doc/vorn/copyright"),
+                                    std::string("/usr/lib/python3/dist-packages/vorn_client.py")})
         EXPECT_TRUE(Lists(rt, path)) << path << " not in the runtime package:\n" << rt;
     EXPECT_EQ(rt.find("/usr/include/"), std::string::npos) << rt;
     EXPECT_FALSE(Lists(rt, lib + "/libvorn_core.so")) << rt;
@@ -134,6 +135,15 @@ TEST(Packaging, CpackMakesARuntimeAndADevelopmentDebThatUnpackAndRun) {
              "/usr/share/doc/vorn-dev/copyright"})
         EXPECT_TRUE(Lists(dv, path)) << path << " not in the development package:\n" << dv;
     EXPECT_EQ(dv.find("/usr/bin/"), std::string::npos) << dv;
+
+    // ld.so's cache learns of the library once dpkg is done; programs built against it depend
+    // on the runtime package.
+    const ShellResult control = Shell("dpkg-deb -I " + Quote(runtime) + " triggers shlibs");
+    EXPECT_EQ(control.status, 0) << control.output;
+    EXPECT_NE(control.output.find("\nactivate-noawait ldconfig\n"), std::string::npos)
+        << control.output;
+    EXPECT_NE(control.output.find("libvorn_core 1 vorn (>= " + version + ")"), std::string::npos)
+        << control.output;
 
     // Unpacked into a scratch root, the daemon finds its library through its RUNPATH, and the
     // unit starts the daemon where the package put it.
@@ -147,6 +157,17 @@ TEST(Packaging, CpackMakesARuntimeAndADevelopmentDebThatUnpackAndRun) {
     const ShellResult unit =
         Shell("grep '^ExecStart=' " + Quote(root + "/usr/lib/systemd/system/vornd.service"));
     EXPECT_EQ(unit.output, "ExecStart=/usr/bin/vornd --socket vorn $VORND_OPTS\n");
+    // The Python client imports from the folder Debian's python3 searches under /usr.
+    const ShellResult python =
+        Shell("PYTHONPATH=" + Quote(root + "/usr/lib/python3/dist-packages") +
+              " python3 -c 'import vorn_client; print(vorn_client.VornClient.__name__)'");
+    EXPECT_EQ(python.output, "VornClient\n");
+    if (Exists("/usr/bin/python3")) {
+        const ShellResult path = Shell(
+            "/usr/bin/python3 -c 'import sys; print(\"/usr/lib/python3/dist-packages\" in "
+            "sys.path)'");
+        EXPECT_EQ(path.output, "True\n");
+    }
     // Where systemd is at hand, its own reader finds no unknown or misspelt directive (the copy
     // names the unpacked daemon, since the check looks for the program).
     if (Shell("command -v systemd-analyze").status == 0) {
