@@ -15,8 +15,8 @@ namespace {
 const auto kQuiet = std::chrono::milliseconds(50);
 
 // A server with one connected client whose first transmission has arrived.
-RecordingServer* ServerWithClient(const char* stem, Client& client) {
-    RecordingServer* server = RecordingServer::Launch(stem);
+std::unique_ptr<RecordingServer> ServerWithClient(const char* stem, Client& client) {
+    auto server = RecordingServer::Launch(stem);
     EXPECT_TRUE(client.Connect(server->Name()));
     EXPECT_TRUE(client.Send("JXT+A"));
     EXPECT_TRUE(server->AwaitCount(1));
@@ -27,7 +27,7 @@ RecordingServer* ServerWithClient(const char* stem, Client& client) {
 TEST(CmdIOService, ErrorAndOversizedRepliesGoWholeToTheClientOfTheLatestCommand) {
     vorn_test::LogCapture log;
     Client a, b;
-    RecordingServer* server = ServerWithClient("latest", a);
+    auto server = ServerWithClient("latest", a);
     ASSERT_TRUE(b.Connect(server->Name()));
     ASSERT_TRUE(b.Send("JXT+UNKNOWN\r"));
     ASSERT_TRUE(server->AwaitCount(2));
@@ -62,7 +62,7 @@ TEST(CmdIOService, ErrorAndOversizedRepliesGoWholeToTheClientOfTheLatestCommand)
 TEST(CmdIOService, ReplyToAVanishedClientIsDroppedWithoutSigpipeButWithALine) {
     vorn_test::LogCapture log;
     Client client;
-    RecordingServer* server = ServerWithClient("gone", client);
+    auto server = ServerWithClient("gone", client);
     server->Hold(true);
     ASSERT_TRUE(client.Send("JXT+B"));
     ASSERT_TRUE(server->AwaitCount(2));
@@ -84,7 +84,7 @@ TEST(CmdIOService, ReplyToAVanishedClientIsDroppedWithoutSigpipeButWithALine) {
 
 TEST(CmdIOService, RepliesFromTwoThreadsNeverInterleave) {
     Client client;
-    RecordingServer* server = ServerWithClient("race", client);
+    auto server = ServerWithClient("race", client);
     const int kEach = 200;
     std::atomic<int> sent{0}, seen{0};
     // A reply waits a second at most for a slow reader, so the senders keep only a few records
@@ -112,7 +112,7 @@ TEST(CmdIOService, RepliesFromTwoThreadsNeverInterleave) {
 }
 
 TEST(CmdIOService, InternalCommandsUseTheCallbackButNotTheReplyTarget) {
-    RecordingServer* server = RecordingServer::Launch("internal");
+    auto server = RecordingServer::Launch("internal");
     EXPECT_EQ(1008, server->InternalBufferedFlush("", 0));
     EXPECT_EQ(0, server->InternalBufferedFlush("JXT+I", 5));
     EXPECT_EQ("JXT+I", server->Received().at(0));

@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,11 +19,16 @@ public:
     explicit RecordingServer(const std::string& name) : CmdIOService(name.c_str()) {
         CmdIOCallback(&RecordingServer::Record, this);
     }
+    // The loop's callback uses this object's members: the loop ends before they go.
+    ~RecordingServer() override {
+        m_held = false;
+        Stop();
+    }
 
-    // A started server on a fresh name. Never deleted: its detached loop thread runs for the
-    // life of the test process.
-    static RecordingServer* Launch(const std::string& stem) {
-        auto* server = new RecordingServer(vorn_test::UniqueSocketName(stem));
+    // A started server on a fresh name.
+    static std::unique_ptr<RecordingServer> Launch(const std::string& stem) {
+        std::unique_ptr<RecordingServer> server(
+            new RecordingServer(vorn_test::UniqueSocketName(stem)));
         server->CmdIOStart();
         return server;
     }

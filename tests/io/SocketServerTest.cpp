@@ -17,7 +17,7 @@ using vorn_test::LogCapture;
 
 TEST(SocketServer, TransmissionsArriveWholeUpToEightChunks) {
     LogCapture log;
-    RecordingServer* server = RecordingServer::Launch("chunk");
+    auto server = RecordingServer::Launch("chunk");
     Client client;
     ASSERT_TRUE(client.Connect(server->Name()));
     // Empty text never reaches the callback.
@@ -47,7 +47,7 @@ TEST(SocketServer, TransmissionsArriveWholeUpToEightChunks) {
 
 TEST(SocketServer, FifthClientIsAcceptedButNeverReadAndAFreedSlotIsReused) {
     LogCapture log;
-    RecordingServer* server = RecordingServer::Launch("five");
+    auto server = RecordingServer::Launch("five");
     std::array<Client, 5> clients;
     for (int i = 0; i < 4; ++i) {
         ASSERT_TRUE(clients[i].Connect(server->Name()));
@@ -92,7 +92,7 @@ TEST(SocketServer, SignalDuringSelectEndsTheLoop) {
 
 TEST(SocketServer, ServerWithoutSocketRefusesToStart) {
     LogCapture log;
-    RecordingServer* first = RecordingServer::Launch("taken");
+    auto first = RecordingServer::Launch("taken");
     RecordingServer second(first->Name());
     EXPECT_TRUE(
         log.Has("socket_local_server create fail. sockname=" + first->Name(), "InitServerSock", 4));
