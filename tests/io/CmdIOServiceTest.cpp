@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -80,6 +82,83 @@ TEST(CmdIOService, ReplyToAVanishedClientIsDroppedWithoutSigpipeButWithALine) {
     EXPECT_TRUE(
         log.Has("reply to command(JXT+B\\x0a) dropped, 0 of 18 bytes written: the client is gone",
                 "HandleResponse", 3));
+}
+
+TEST(CmdIOService, WithRoutingBySenderAReplyGoesToTheClientOfItsScopeOrNowhere) {
+    vorn_test::LogCapture log;
+    Client a, b;
+    auto server = ServerWithClient("sender", a);
+    ASSERT_TRUE(b.Connect(server->Name()));
+    ASSERT_TRUE(b.Send("JXT+B"));
+    ASSERT_TRUE(server->AwaitCount(2));
+    const ClientRef fromA = server->Sender(0);
+    ASSERT_TRUE(fromA.Known());
+    EXPECT_NE(fromA.slot, server->Sender(1).slot);
+    const std::string record = vorn_test::EncodeReply(0, "JXT+A", "a");
+    const std::string error = vorn_test::EncodeReply(1003, "JXT+A", "1003:Unsupport command\r\n");
+
+    // Off, as described: the client of the latest transmission, scope or not.
+    {
+        const ReplyRoute::Scope scope(fromA);
+        server->SendResponse(2, record.data(), record.size());
+    }
+    EXPECT_EQ(record, b.ReadAvailable(kQuiet));
+
+    server->SetReplyToSender(true);
+    {
+        const ReplyRoute::Scope scope(fromA);
+        server->SendResponse(2, record.data(), record.size());
+        server->ErrorResponse("JXT+A", 5, 1003);
+    }
+    EXPECT_EQ(record + error, a.ReadAvailable(kQuiet));
+    EXPECT_EQ("", b.ReadAvailable(kQuiet));
+    server->SendResponse(2, record.data(), record.size());  // no scope: the latest client
+    EXPECT_EQ(record, b.ReadAvailable(kQuiet));
+
+    // The sender has gone and a newcomer has its slot: the reply reaches nobody.
+    a.Close();
+    ASSERT_TRUE(vorn_test::Await([&] { return server->ClientFd(fromA.slot) == -1; }));
+    Client c;
+    ASSERT_TRUE(c.Connect(server->Name()));
+    ASSERT_TRUE(c.Send("JXT+C"));
+    ASSERT_TRUE(server->AwaitCount(3));
+    ASSERT_EQ(fromA.slot, server->Sender(2).slot);
+    {
+        const ReplyRoute::Scope scope(fromA);
+        server->SendResponse(2, record.data(), record.size());
+    }
+    EXPECT_EQ("", c.ReadAvailable(kQuiet));
+    EXPECT_EQ("", b.ReadAvailable(kQuiet));
+    EXPECT_TRUE(
+        log.Has("reply to command(JXT+A) dropped, 0 of 18 bytes written: the client is gone",
+                "HandleResponse", 3));
+}
+
+TEST(CmdIOService, ClientThatDoesNotReadIsClosedAfterOneReplyRanOutOfTime) {
+    vorn_test::LogCapture log;
+    Client client;
+    auto server = ServerWithClient("stalled", client);
+    server->SetCloseStalledClients(true);
+    // Far more than the socket holds: without the setting each reply past the first that
+    // runs out of room would wait its own second.
+    const std::string record = vorn_test::EncodeReply(0, "JXT+A", std::string(3000, 'r'));
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 300; ++i) server->SendResponse(2, record.data(), record.size());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2500));
+    EXPECT_TRUE(log.AwaitLine("client[0] closed: it does not read its replies", "Run"));
+    EXPECT_TRUE(
+        log.Has("reply to command(JXT+A) dropped, 0 of 3017 bytes written: no room "
+                "within 1000 ms; the client is closed",
+                "HandleResponse", 3));
+    // What did fit arrives whole, then the end.
+    std::string got;
+    ASSERT_TRUE(vorn_test::Await([&] {
+        const std::string more = client.ReadAvailable(std::chrono::milliseconds(50));
+        got += more;
+        return more.empty();
+    }));
+    EXPECT_EQ(0u, got.size() % record.size());
+    EXPECT_GT(got.size(), 0u);
 }
 
 TEST(CmdIOService, RepliesFromTwoThreadsNeverInterleave) {

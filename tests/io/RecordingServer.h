@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "io/CmdIOService.h"
+#include "io/ReplyRoute.h"
 #include "support/TestSupport.h"
 
 // A command I/O service whose callback records every transmission and the loop thread, and can
@@ -37,6 +38,11 @@ public:
         std::lock_guard<std::mutex> lock(m_lock);
         return m_received;
     }
+    // The reply scope each transmission was delivered in.
+    ClientRef Sender(size_t index) const {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_senders.at(index);
+    }
     bool AwaitCount(size_t count) const {
         return vorn_test::Await([&] { return Received().size() >= count; });
     }
@@ -58,14 +64,16 @@ private:
         {
             std::lock_guard<std::mutex> lock(self->m_lock);
             self->m_received.emplace_back(command, static_cast<size_t>(length));
+            self->m_senders.push_back(ReplyRoute::Current());
             self->m_loopThread = pthread_self();
         }
         vorn_test::Await([self] { return !self->m_held; }, std::chrono::milliseconds(10000));
         return 0;
     }
 
-    mutable std::mutex m_lock;  // guards m_received and m_loopThread
+    mutable std::mutex m_lock;  // guards m_received, m_senders and m_loopThread
     std::vector<std::string> m_received;
+    std::vector<ClientRef> m_senders;
     pthread_t m_loopThread{};
     std::atomic<bool> m_held{false};  // set by the test thread, read by the loop thread
 };
