@@ -66,6 +66,7 @@ public:
     // to it; only the loop reads it. -1 once the loop found it closed under it.
     std::atomic<int> controlFd{-1};
     std::atomic<bool> stopRequested{false};
+    bool controlLost = false;  // the loop's own: its control descriptor was closed under it
     void Wake();
     // Why the loop ended: -1 while it runs (or never ran), 0 stopped by Stop, EINTR ended by a
     // signal ("got signal"), 1005 the listening socket was lost. Written by the loop thread.

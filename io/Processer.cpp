@@ -369,10 +369,16 @@ void Processer::EndLoop() {
     if (!state->loopStarted) return;
     state->stopRequested = true;
     state->Wake();
-    if (pthread_equal(pthread_self(), state->loopThread))
+    if (pthread_equal(pthread_self(), state->loopThread)) {
         pthread_detach(state->loopThread);
-    else
+    } else if (state->controlFd < 0 && state->loopResult < 0) {
+        // Nothing can wake a loop without its control descriptor: it is left to run.
+        LogMessage(4, "VORN", "Stop").stream()
+            << "the socket loop cannot be woken (no control descriptor); it is left running";
+        pthread_detach(state->loopThread);
+    } else {
         pthread_join(state->loopThread, nullptr);
+    }
     state->loopStarted = false;
 }
 
@@ -554,6 +560,7 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
         if (events & POLLNVAL) {
             // Closed behind the loop's back: its number is not ours to write or close any more.
             state.controlFd = -1;
+            state.controlLost = true;
             LogMessage(4, "VORN", "Run").stream()
                 << "control descriptor closed under the loop: fd=" << controlFd;
         } else if (events & POLLIN) {
@@ -668,7 +675,7 @@ void Processer::Run() {
         // The loop ends then, and says so; a daemon leaves, so that its supervisor restarts it.
         // Without its control descriptor the loop could not be stopped: the same.
         const bool listenerLost = ListenerLost(*state);
-        if (listenerLost || state->controlFd < 0) {
+        if (listenerLost || state->controlLost) {
             const int lost = LoadFd(m_nServerFd);
             StoreFd(m_nServerFd, -1);  // not ours any more: never used or closed again
             result = ERR_INVALID_FD;
