@@ -55,7 +55,7 @@ public:
 
     std::string Name() const { return m_pSocketName; }
     int ClientFd(int slot) const { return m_nClientFds[slot]; }
-    int ServerFd() const { return m_nServerFd; }
+    int ServerFd() const { return __atomic_load_n(&m_nServerFd, __ATOMIC_ACQUIRE); }
     void* ReplyTarget() const { return m_pReplyTarget; }
 
 private:
