@@ -78,6 +78,7 @@ public:
     // the socket (the constructor, or the loop when it reopens it), read by the loop.
     dev_t listenerDev = 0;
     ino_t listenerIno = 0;
+    int64_t listenerCheckedMs = 0;  // the loop's own: when it last compared them
 
     // Per slot. The generation grows whenever a slot's client is let go, so that a reply that
     // waited for room without the lock can tell its client from a newcomer on the same number.

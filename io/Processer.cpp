@@ -670,11 +670,19 @@ void Processer::Run() {
             break;
         }
         if (state->stopRequested) break;
-        // Checked on every wake-up: a HAL that closes descriptors it does not own leaves the
-        // number to whatever is opened next, and no client could ever connect again.
-        // The loop ends then, and says so; a daemon leaves, so that its supervisor restarts it.
-        // Without its control descriptor the loop could not be stopped: the same.
-        const bool listenerLost = ListenerLost(*state);
+        // A HAL that closes descriptors it does not own leaves the listener's number to
+        // whatever is opened next, and no client could ever connect again. Checked before any
+        // accept, and otherwise on a wake-up at most every 100 ms. The loop ends then, and says
+        // so; a daemon leaves, so that its supervisor restarts it. Without its control
+        // descriptor the loop could not be stopped: the same.
+        const int listening = LoadFd(m_nServerFd);
+        const int64_t now = FrontEndState::NowMs();
+        bool listenerLost = false;
+        if ((FitsFdSet(listening) && FD_ISSET(listening, &m_readSet)) ||
+            now - state->listenerCheckedMs >= 100) {
+            state->listenerCheckedMs = now;
+            listenerLost = ListenerLost(*state);
+        }
         if (listenerLost || state->controlLost) {
             const int lost = LoadFd(m_nServerFd);
             StoreFd(m_nServerFd, -1);  // not ours any more: never used or closed again

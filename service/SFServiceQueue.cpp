@@ -61,7 +61,11 @@ namespace {
 namespace reply_routes {
 std::mutex g_lock;  // guards Table()
 std::unordered_map<const void*, ClientRef>& Table() {
-    static auto* table = new std::unordered_map<const void*, ClientRef>;  // outlives exit
+    static auto* table = [] {  // outlives exit
+        auto* t = new std::unordered_map<const void*, ClientRef>;
+        t->reserve(256);  // a few entries per queued request: no rehash on the way
+        return t;
+    }();
     return *table;
 }
 void Remember(const void* key, ClientRef client) {

@@ -133,7 +133,9 @@ TEST(SocketServer, ListenerReplacedUnderTheLoopEndsItAndTellsTheHost) {
     const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(fd, dup2(other, fd));
     close(other);
-    ASSERT_TRUE(client.Send("JXT+B"));  // the next wake-up finds it
+    Client next;
+    next.Connect(server.Name());  // the loop wakes for the listener, and finds it replaced
+    ASSERT_TRUE(client.Send("JXT+B"));
     ASSERT_TRUE(Await([&] { return ended == 1005; }));
     EXPECT_EQ(1005, server.GetLoopResult());
     EXPECT_TRUE(log.Has("listening socket lost (fd=" + std::to_string(fd) +
