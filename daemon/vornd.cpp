@@ -484,13 +484,17 @@ const char* SignalName(int signo) {
     }
 }
 
-// Written on the socket loop thread as the loop ends on its own; main waits on it beside the
-// stop signals.
-void NoteLoopEnd(int /*result*/, void* context) {
-    const uint64_t one = 1;
-    const int fd = *static_cast<int*>(context);
-    while (write(fd, &one, sizeof one) < 0 && errno == EINTR) {
-    }
+// The socket loop ending on its own (not through Stop) wakes main with SIGUSR1, which every
+// thread blocks and main waits for beside the stop signals. A signal, not a descriptor: what
+// ends the loop this way is usually a HAL that closed descriptors it does not own, main's
+// among them.
+std::atomic<bool> g_loopEnded{false};
+pthread_t g_mainThread;
+
+void NoteLoopEnd(int result, void* /*context*/) {
+    if (result == 0) return;  // Stop, called by main itself
+    g_loopEnded = true;
+    pthread_kill(g_mainThread, SIGUSR1);
 }
 
 }  // namespace
@@ -520,12 +524,14 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
 
     // Blocked here, in the only thread so far; every library thread inherits the mask, so the
-    // stop signals are taken only through the signalfd below.
+    // stop signals (and SIGUSR1, see NoteLoopEnd) are taken only by sigwaitinfo below.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGHUP);
+    sigaddset(&stopSignals, SIGUSR1);
+    g_mainThread = pthread_self();
     if (pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr) != 0) {
         std::cerr << "vornd: cannot block the stop signals\n";
         return 1;
@@ -533,12 +539,6 @@ int main(int argc, char** argv) {
 #ifndef __ANDROID__
     LogQueue::Get().Install();  // its writer thread inherits the mask too
 #endif
-    const int signalFd = signalfd(-1, &stopSignals, SFD_CLOEXEC);
-    int loopEndFd = eventfd(0, EFD_CLOEXEC);
-    if (signalFd < 0 || loopEndFd < 0) {
-        std::cerr << "vornd: cannot wait for the stop signals: " << strerror(errno) << "\n";
-        return 1;
-    }
 
     std::unique_ptr<DaemonCmdIO> cmdio(new DaemonCmdIO(opt.socketName.c_str(), opt));
     if (!cmdio->IsListening()) {
@@ -549,7 +549,7 @@ int main(int argc, char** argv) {
     cmdio->SetReplyToSender(opt.replyToSender);
     cmdio->SetPromoteWaiting(opt.promoteWaiting);
     cmdio->SetCloseStalledClients(opt.closeStalled);
-    cmdio->SetLoopEndCallback(&NoteLoopEnd, &loopEndFd);
+    cmdio->SetLoopEndCallback(&NoteLoopEnd, nullptr);
 
     std::unique_ptr<ConfigManager> cfg(new ConfigManager());
     ContextWrapper* wrapper = ContextWrapper::Initialize(cmdio.get(), cfg.get());
@@ -575,20 +575,24 @@ int main(int argc, char** argv) {
         status = 1;
     } else {
         LogMessage(2, "VORN", "main").stream() << "vornd serving on socket " << opt.socketName;
-        pollfd waits[] = {{signalFd, POLLIN, 0}, {loopEndFd, POLLIN, 0}};
-        while (poll(waits, 2, -1) < 0 && errno == EINTR) {
-        }
-        if (waits[0].revents & POLLIN) {
-            signalfd_siginfo info{};
-            const ssize_t n = read(signalFd, &info, sizeof info);
-            const int signo = n == sizeof info ? static_cast<int>(info.ssi_signo) : 0;
-            LogMessage(2, "VORN", "main").stream() << "vornd stopping on " << SignalName(signo);
-        } else {
+        int signo;
+        do {
+            siginfo_t info;
+            signo = sigwaitinfo(&stopSignals, &info);
+        } while ((signo < 0 && errno == EINTR) || (signo == SIGUSR1 && !g_loopEnded));
+        if (signo == SIGUSR1) {
+            // The process's descriptors were closed or replaced under it: nothing of its teardown
+            // can be trusted to touch only what is its own. Leave at once, so that init or
+            // systemd starts a fresh daemon.
             LogMessage(4, "VORN", "main").stream()
                 << "the socket loop ended (code " << cmdio->GetLoopResult()
                 << "): vornd leaves with status 1 so that it is restarted";
-            status = 1;
+#ifndef __ANDROID__
+            LogQueue::Get().Flush(std::chrono::milliseconds(200));
+#endif
+            _exit(1);
         }
+        LogMessage(2, "VORN", "main").stream() << "vornd stopping on " << SignalName(signo);
     }
 
     cmdio->Stop();   // no command comes in any more

@@ -79,6 +79,7 @@ public:
     dev_t listenerDev = 0;
     ino_t listenerIno = 0;
     int64_t listenerCheckedMs = 0;  // the loop's own: when it last compared them
+    bool descriptorGone = false;    // the loop's own: its last wait found a closed descriptor
 
     // Per slot. The generation grows whenever a slot's client is let go, so that a reply that
     // waited for room without the lock can tell its client from a newcomer on the same number.

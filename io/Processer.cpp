@@ -572,6 +572,9 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
 
     FD_ZERO(&m_readSet);
     int ready = 0;
+    state.descriptorGone = false;
+    for (const pollfd& p : polled)
+        if (p.revents & POLLNVAL) state.descriptorGone = true;
     for (size_t k = 0; k < inputs; ++k) {
         if (polled[k].revents == 0) continue;
         FD_SET(polled[k].fd, &m_readSet);
@@ -615,6 +618,14 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
     return ready;
 }
 
+int Processer::LostListener() {
+    const int lost = LoadFd(m_nServerFd);
+    StoreFd(m_nServerFd, -1);  // not ours any more: never used or closed again
+    LogMessage(4, "VORN", "Run").stream() << "listening socket lost (fd=" << lost
+                                          << "): no client can connect any more; the loop ends";
+    return ERR_INVALID_FD;
+}
+
 void Processer::TendSlots(FrontEndState& state) {
     for (int i = 0; i < kMaxClients; ++i) {
         const uint32_t mark = state.stalled[i].exchange(0);
@@ -649,6 +660,12 @@ void Processer::Run() {
     int result = 0;
     for (;;) {
         if (state->stopRequested) break;
+        // A descriptor found closed while reading: the listener is compared before the wait,
+        // which could otherwise last for good on a number that is no longer the listener.
+        if (state->descriptorGone && ListenerLost(*state)) {
+            result = LostListener();
+            break;
+        }
         if (LoadFd(m_nServerFd) == -1 && InitServerSock() != 0) {
             // A second's pause that Stop can cut short.
             pollfd control{state->controlFd, POLLIN, 0};
@@ -672,24 +689,19 @@ void Processer::Run() {
         if (state->stopRequested) break;
         // A HAL that closes descriptors it does not own leaves the listener's number to
         // whatever is opened next, and no client could ever connect again. Checked before any
-        // accept, and otherwise on a wake-up at most every 100 ms. The loop ends then, and says
-        // so; a daemon leaves, so that its supervisor restarts it. Without its control
-        // descriptor the loop could not be stopped: the same.
+        // accept, when the wait found any descriptor closed, and otherwise on a wake-up at most
+        // every 100 ms. The loop ends then, and says so; a daemon leaves, so that its supervisor
+        // restarts it. Without its control descriptor the loop could not be stopped: the same.
         const int listening = LoadFd(m_nServerFd);
         const int64_t now = FrontEndState::NowMs();
         bool listenerLost = false;
-        if ((FitsFdSet(listening) && FD_ISSET(listening, &m_readSet)) ||
+        if ((FitsFdSet(listening) && FD_ISSET(listening, &m_readSet)) || state->descriptorGone ||
             now - state->listenerCheckedMs >= 100) {
             state->listenerCheckedMs = now;
             listenerLost = ListenerLost(*state);
         }
         if (listenerLost || state->controlLost) {
-            const int lost = LoadFd(m_nServerFd);
-            StoreFd(m_nServerFd, -1);  // not ours any more: never used or closed again
-            result = ERR_INVALID_FD;
-            LogMessage(4, "VORN", "Run").stream()
-                << (listenerLost ? "listening socket lost" : "descriptors closed under the loop")
-                << " (fd=" << lost << "): no client can connect any more; the loop ends";
+            result = LostListener();
             break;
         }
         if (ready < 1) continue;
@@ -737,6 +749,8 @@ void Processer::Run() {
                     // deliver: its chunks are released and the client is dropped at once.
                     extra.clear();
                     gone = true;
+                    // Closed behind the loop's back: the listener may have gone the same way.
+                    if (n < 0 && errno == EBADF) state->descriptorGone = true;
                 }
                 break;
             }

@@ -107,6 +107,8 @@ private:
     // True when the listening descriptor is no longer the socket that was opened.
     VORN_LOCAL bool ListenerLost(const FrontEndState& state);
     VORN_LOCAL void NoteListener(int fd);
+    // Forgets the listening descriptor (its number is not ours any more), logs, returns 1005.
+    VORN_LOCAL int LostListener();
 };
 
 #endif
