@@ -13,8 +13,9 @@
 // deleted (which releases the service manager and every service, ending their threads), then
 // the command I/O service and the configuration. The process leaves with _exit: a thread left
 // inside a HAL call that never returned may still run, so static destructors are not run under
-// it. If the socket loop ends on its own (its listening socket was lost), vornd shuts down the
-// same way with status 1, so that its supervisor restarts it.
+// it. If the socket loop ends on its own (its listening socket was closed or replaced, as a HAL
+// that closes descriptors it does not own does), vornd logs why and leaves at once with status
+// 1, so that its supervisor restarts it.
 
 #include <errno.h>
 #include <grp.h>
