@@ -59,7 +59,9 @@ public:
 
     // The loop thread. Start and Stop (and the destructor through Stop) take the lock; the loop
     // itself never does, so Stop may join it while holding it.
-    std::mutex loopLock;  // guards loopStarted and loopThread
+    // Guards loopStarted, loopThread and the setting of the loop-end callback (which the loop
+    // reads only after Start, under this lock, has started it).
+    std::mutex loopLock;
     bool loopStarted = false;
     pthread_t loopThread{};
     // An eventfd in every wait of the loop. Stop and a reply that finds its client stalled write
