@@ -370,7 +370,9 @@ void Processer::EndLoop() {
     state->stopRequested = true;
     state->Wake();
     if (pthread_equal(pthread_self(), state->loopThread)) {
-        pthread_detach(state->loopThread);
+        // Asked from the loop's own callback: it ends after this round, and a later Stop or
+        // the destructor, on another thread, joins it.
+        return;
     } else if (state->controlFd < 0 && state->loopResult < 0) {
         // Nothing can wake a loop without its control descriptor: it is left to run.
         LogMessage(4, "VORN", "Stop").stream()
