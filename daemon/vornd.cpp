@@ -540,11 +540,19 @@ int main(int argc, char** argv) {
 #ifndef __ANDROID__
     LogQueue::Get().Install();  // its writer thread inherits the mask too
 #endif
+    // Lines still queued are written before leaving, for a bounded time: a reader that does not
+    // take the log does not hold up the exit.
+    const auto flushLog = [] {
+#ifndef __ANDROID__
+        LogQueue::Get().Flush(std::chrono::milliseconds(200));
+#endif
+    };
 
     std::unique_ptr<DaemonCmdIO> cmdio(new DaemonCmdIO(opt.socketName.c_str(), opt));
     if (!cmdio->IsListening()) {
         std::cerr << "vornd: cannot listen on socket \"" << opt.socketName
                   << "\": the name is already in use (is another vornd running?)\n";
+        flushLog();
         return 1;
     }
     cmdio->SetReplyToSender(opt.replyToSender);
@@ -554,12 +562,16 @@ int main(int argc, char** argv) {
 
     std::unique_ptr<ConfigManager> cfg(new ConfigManager());
     ContextWrapper* wrapper = ContextWrapper::Initialize(cmdio.get(), cfg.get());
-    if (!ApplyConfigFile(*cfg, opt.configPath)) return 1;
+    if (!ApplyConfigFile(*cfg, opt.configPath)) {
+        flushLog();
+        return 1;
+    }
     // An idle limit shorter than a request would cut a client off while it waits for an answer.
     if (opt.idleTimeout > 0 && opt.idleTimeout < LongestRequestTimeout(*cfg)) {
         std::cerr << "vornd: --idle-timeout " << opt.idleTimeout
                   << " is below the longest request timeout of the configuration ("
                   << LongestRequestTimeout(*cfg) << " s)\n";
+        flushLog();
         return 2;
     }
     cmdio->SetIdleTimeout(opt.idleTimeout);
@@ -588,9 +600,7 @@ int main(int argc, char** argv) {
             LogMessage(4, "VORN", "main").stream()
                 << "the socket loop ended (code " << cmdio->GetLoopResult()
                 << "): vornd leaves with status 1 so that it is restarted";
-#ifndef __ANDROID__
-            LogQueue::Get().Flush(std::chrono::milliseconds(200));
-#endif
+            flushLog();
             _exit(1);
         }
         LogMessage(2, "VORN", "main").stream() << "vornd stopping on " << SignalName(signo);
@@ -601,9 +611,6 @@ int main(int argc, char** argv) {
     cmdio.reset();
     cfg.reset();
     LogMessage(2, "VORN", "main").stream() << "vornd stopped";
-#ifndef __ANDROID__
-    // Bounded: a reader that does not take the log does not hold up the exit.
-    LogQueue::Get().Flush(std::chrono::milliseconds(200));
-#endif
+    flushLog();
     _exit(status);
 }
