@@ -29,6 +29,7 @@ install(DIRECTORY
     # Side tables and helpers of the library's own .cpp files: no public header includes them.
     PATTERN "ConfigSchema.h" EXCLUDE
     PATTERN "FrontEndState.h" EXCLUDE
+    PATTERN "ReplyRoute.h" EXCLUDE
     PATTERN "ServiceManagerLock.h" EXCLUDE
     PATTERN "RequestClock.h" EXCLUDE
     PATTERN "ServiceLifetime.h" EXCLUDE

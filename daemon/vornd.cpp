@@ -1,38 +1,49 @@
 // vornd: the host daemon. It builds the library's objects in the order the library expects,
 // serves the socket on the library's own threads, and waits for a stop signal.
 //
-//   1. log level; stop signals blocked before any library thread exists (threads inherit it)
-//   2. the command I/O service (opens the socket at once)
+//   1. log level and, on Linux, the log queue; SIGPIPE ignored; stop signals blocked before any
+//      library thread exists (threads inherit the mask)
+//   2. the command I/O service (opens the socket at once), with the daemon's settings
 //   3. the configuration manager
 //   4. the context wrapper (reads "/vendor/etc/vorn.json"), then --config PATH on top of it
 //   5. the misc, sensor and modem services, each registered with the wrapper
-//   6. the wrapper's Start: the socket loop thread begins to serve
+//   6. the command I/O service's Start: the socket loop thread begins to serve
 //
-// Shutdown (SIGTERM, SIGINT, SIGHUP): the socket stops delivering commands, the wrapper is
-// deleted (which releases the service manager and every service, ending their threads), and
-// the process leaves with _exit(0). The socket loop thread is detached and ends only when a
-// signal interrupts its select; since every stop signal is blocked in it, it is still running
-// at that point, so the command I/O service is deliberately never deleted and static
-// destructors (the vendor-command table among them) are deliberately not run.
+// Shutdown (SIGTERM, SIGINT, SIGHUP): the socket loop is stopped and joined, the wrapper is
+// deleted (which releases the service manager and every service, ending their threads), then
+// the command I/O service and the configuration. The process leaves with _exit: a thread left
+// inside a HAL call that never returned may still run, so static destructors are not run under
+// it. If the socket loop ends on its own (its listening socket was closed or replaced, as a HAL
+// that closes descriptors it does not own does), vornd logs why and leaves at once with status
+// 1, so that its supervisor restarts it.
 
 #include <errno.h>
 #include <grp.h>
+#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iostream>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#ifndef __ANDROID__
+#include <android/log.h>
+#endif
 
 #include "vorn_core.h"
 
@@ -45,7 +56,10 @@ struct Options {
     int logLevel = 3;          // warnings and errors: the per-command trace stays off the hot path
     int queueSpinMicros = -1;  // -1: the library's default
     bool printConfig = false;
-    int idleTimeout = 0;  // seconds; 0 keeps idle clients for good
+    int idleTimeout = 0;         // seconds; 0 keeps idle clients for good
+    bool replyToSender = true;   // --reply-routing=latest: the client of the latest command
+    bool promoteWaiting = true;  // --no-promote-waiting
+    bool closeStalled = true;    // --keep-stalled-clients
     // Peers allowed to connect; both empty: everyone.
     std::vector<uid_t> allowUids;
     std::vector<gid_t> allowGids;
@@ -167,6 +181,29 @@ const OptionRow kOptions[] = {
      [](Options& opt, const std::string& v) {
          return ParseBounded("--idle-timeout", v, 86400, " seconds", opt.idleTimeout);
      }},
+    {"reply-routing", 0, "MODE",
+     "sender (default): each reply goes to the client that sent the command; latest: to the "
+     "client that sent last",
+     [](Options& opt, const std::string& v) {
+         if (v != "sender" && v != "latest") {
+             std::cerr << "vornd: --reply-routing takes sender or latest, not \"" << v << "\"\n";
+             return false;
+         }
+         opt.replyToSender = v == "sender";
+         return true;
+     }},
+    {"no-promote-waiting", 0, nullptr,
+     "leave a connection beyond the four served ones unserved even when a slot frees",
+     [](Options& opt, const std::string&) {
+         opt.promoteWaiting = false;
+         return true;
+     }},
+    {"keep-stalled-clients", 0, nullptr,
+     "keep a client that does not read its replies; each reply to it waits up to a second",
+     [](Options& opt, const std::string&) {
+         opt.closeStalled = false;
+         return true;
+     }},
     {"allow-uid", 0, "LIST", "only peers with one of these user ids or names may connect",
      [](Options& opt, const std::string& v) { return ParseIds("--allow-uid", v, opt.allowUids); }},
     {"allow-gid", 0, "LIST", "only peers with one of these group ids or names may connect",
@@ -275,13 +312,14 @@ int CheckConfig(const std::string& path) {
     return problems.empty() ? 0 : 1;
 }
 
-// The daemon's command I/O service. It adds three things the daemon needs from the outside:
-// whether the listening socket could be opened, a gate that stops commands from reaching the
-// routing layer once shutdown has begun, and the peer check of --allow-uid and --allow-gid.
+// The daemon's command I/O service. It adds what the daemon needs from the outside: whether the
+// listening socket could be opened, and the peer check of --allow-uid and --allow-gid.
 class DaemonCmdIO : public CmdIOService {
 public:
     DaemonCmdIO(const char* name, const Options& opt)
         : CmdIOService(name), m_allowUids(opt.allowUids), m_allowGids(opt.allowGids) {}
+    // The loop calls AddClient, which reads the lists: it ends before they go.
+    ~DaemonCmdIO() override { Stop(); }
 
     // A peer that matches neither list never reaches a slot: the negative result makes
     // AcceptConnection close it at once.
@@ -306,25 +344,99 @@ public:
 
     bool IsListening() const { return m_nServerFd >= 0; }
 
-    int HandleRequest(unsigned char const* data, int length, void* client) override {
-        // Held for the whole intake, so Close() returns only after the command being routed
-        // has been queued or refused; commands that come later are dropped unanswered.
-        std::lock_guard<std::mutex> lock(m_gateLock);
-        if (m_bClosed) return 0;
-        return CmdIOService::HandleRequest(data, length, client);
-    }
-
-    void Close() {
-        std::lock_guard<std::mutex> lock(m_gateLock);
-        m_bClosed = true;
-    }
-
 private:
-    std::mutex m_gateLock;  // guards m_bClosed; held while a command is handed to the wrapper
-    bool m_bClosed = false;
     const std::vector<uid_t> m_allowUids;
     const std::vector<gid_t> m_allowGids;
 };
+
+#ifndef __ANDROID__
+// vornd's log on Linux. liblog writes each line to stderr on the thread that logs, so a reader
+// that stops reading (a full pipe) would stop that thread: the socket loop, a service's thread,
+// the main thread on its way out. Here every line goes into a bounded queue instead, and one
+// writer thread hands the lines to liblog's stderr writer. A full queue drops lines and counts
+// them; the writer reports the count as "N log lines dropped" once it gets to write again. On
+// Android the lines go to logd as they always have.
+class LogQueue {
+public:
+    static LogQueue& Get() {
+        static auto* queue = new LogQueue;  // never destroyed: its writer may outlive main
+        return *queue;
+    }
+
+    void Install() {
+        std::thread([this] { Write(); }).detach();
+        __android_log_set_logger(&LogQueue::Take);
+    }
+
+    // Waits until every queued line has been written, for `limit` at most; false when the
+    // reader did not take them in time.
+    bool Flush(std::chrono::milliseconds limit) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        return m_drained.wait_for(lock, limit,
+                                  [this] { return m_lines.empty() && !m_writing && !m_dropped; });
+    }
+
+private:
+    static const size_t kMaxLines = 4096;
+    static const size_t kMaxBytes = 1 << 20;
+
+    struct Line {
+        int priority;
+        std::string tag;
+        std::string text;
+    };
+
+    static void Take(const __android_logger_data* data, const char* text) {
+        LogQueue& q = Get();
+        Line line{data->priority, data->tag ? data->tag : "", text ? text : ""};
+        {
+            std::lock_guard<std::mutex> lock(q.m_lock);
+            const size_t size = line.tag.size() + line.text.size();
+            if (q.m_lines.size() >= kMaxLines || q.m_bytes + size > kMaxBytes) {
+                ++q.m_dropped;
+                return;
+            }
+            q.m_bytes += size;
+            q.m_lines.push_back(std::move(line));
+        }
+        q.m_queued.notify_one();
+    }
+
+    static void Emit(int priority, const std::string& tag, const std::string& text) {
+        __android_logger_data data{
+            sizeof(__android_logger_data), LOG_ID_MAIN, priority, tag.c_str(), nullptr, 0};
+        __android_log_stderr_logger(&data, text.c_str());
+    }
+
+    void Write() {
+        std::unique_lock<std::mutex> lock(m_lock);
+        for (;;) {
+            m_queued.wait(lock, [this] { return !m_lines.empty() || m_dropped; });
+            std::deque<Line> lines;
+            lines.swap(m_lines);
+            const unsigned long dropped = m_dropped;
+            m_dropped = 0;
+            m_bytes = 0;
+            m_writing = true;
+            lock.unlock();
+            for (const Line& line : lines) Emit(line.priority, line.tag, line.text);
+            if (dropped)
+                Emit(ANDROID_LOG_WARN, "VORN", std::to_string(dropped) + " log lines dropped");
+            lock.lock();
+            m_writing = false;
+            if (m_lines.empty() && !m_dropped) m_drained.notify_all();
+        }
+    }
+
+    std::mutex m_lock;                  // guards m_lines, m_bytes, m_dropped and m_writing
+    std::condition_variable m_queued;   // a line was queued or dropped
+    std::condition_variable m_drained;  // the queue is empty and written
+    std::deque<Line> m_lines;
+    size_t m_bytes = 0;
+    unsigned long m_dropped = 0;
+    bool m_writing = false;
+};
+#endif
 
 // The longest time a client may wait for an answer: the request timeout of every command of a
 // served service (0 means 15 seconds), and the misc service's own 15-second rows, "JXT+TIMEOUT"
@@ -373,6 +485,19 @@ const char* SignalName(int signo) {
     }
 }
 
+// The socket loop ending on its own (not through Stop) wakes main with SIGUSR1, which every
+// thread blocks and main waits for beside the stop signals. A signal, not a descriptor: what
+// ends the loop this way is usually a HAL that closed descriptors it does not own, main's
+// among them.
+std::atomic<bool> g_loopEnded{false};
+pthread_t g_mainThread;
+
+void NoteLoopEnd(int result, void* /*context*/) {
+    if (result == 0) return;  // Stop, called by main itself
+    g_loopEnded = true;
+    pthread_kill(g_mainThread, SIGUSR1);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -396,35 +521,57 @@ int main(int argc, char** argv) {
         return 0;
     }
 
+    // A reader of stderr that goes away, or a peer that hangs up, must not end the daemon.
+    signal(SIGPIPE, SIG_IGN);
+
     // Blocked here, in the only thread so far; every library thread inherits the mask, so the
-    // stop signals are taken only by sigwaitinfo below.
+    // stop signals (and SIGUSR1, see NoteLoopEnd) are taken only by sigwaitinfo below.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGHUP);
+    sigaddset(&stopSignals, SIGUSR1);
+    g_mainThread = pthread_self();
     if (pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr) != 0) {
         std::cerr << "vornd: cannot block the stop signals\n";
         return 1;
     }
+#ifndef __ANDROID__
+    LogQueue::Get().Install();  // its writer thread inherits the mask too
+#endif
+    // Lines still queued are written before leaving, for a bounded time: a reader that does not
+    // take the log does not hold up the exit.
+    const auto flushLog = [] {
+#ifndef __ANDROID__
+        LogQueue::Get().Flush(std::chrono::milliseconds(200));
+#endif
+    };
 
-    // Never deleted: its loop thread runs until the process ends (see the top of this file).
-    auto* cmdio = new DaemonCmdIO(opt.socketName.c_str(), opt);
+    std::unique_ptr<DaemonCmdIO> cmdio(new DaemonCmdIO(opt.socketName.c_str(), opt));
     if (!cmdio->IsListening()) {
         std::cerr << "vornd: cannot listen on socket \"" << opt.socketName
                   << "\": the name is already in use (is another vornd running?)\n";
-        delete cmdio;  // no loop thread was started: nothing else holds it
+        flushLog();
         return 1;
     }
+    cmdio->SetReplyToSender(opt.replyToSender);
+    cmdio->SetPromoteWaiting(opt.promoteWaiting);
+    cmdio->SetCloseStalledClients(opt.closeStalled);
+    cmdio->SetLoopEndCallback(&NoteLoopEnd, nullptr);
 
     std::unique_ptr<ConfigManager> cfg(new ConfigManager());
-    ContextWrapper* wrapper = ContextWrapper::Initialize(cmdio, cfg.get());
-    if (!ApplyConfigFile(*cfg, opt.configPath)) return 1;
+    ContextWrapper* wrapper = ContextWrapper::Initialize(cmdio.get(), cfg.get());
+    if (!ApplyConfigFile(*cfg, opt.configPath)) {
+        flushLog();
+        return 1;
+    }
     // An idle limit shorter than a request would cut a client off while it waits for an answer.
     if (opt.idleTimeout > 0 && opt.idleTimeout < LongestRequestTimeout(*cfg)) {
         std::cerr << "vornd: --idle-timeout " << opt.idleTimeout
                   << " is below the longest request timeout of the configuration ("
                   << LongestRequestTimeout(*cfg) << " s)\n";
+        flushLog();
         return 2;
     }
     cmdio->SetIdleTimeout(opt.idleTimeout);
@@ -433,31 +580,37 @@ int main(int argc, char** argv) {
     wrapper->AddAvailableService(MISC_SERVICE, new MiscService(wrapper));
     wrapper->AddAvailableService(SENSOR_SERVICE, new SensorService(wrapper));
     wrapper->AddAvailableService(MODEM_SERVICE, new ModemService(wrapper));
-    rc = wrapper->Start();
+    // Start itself, not the wrapper's Start: that one answers 0 whatever Start returned.
+    int status = 0;
+    rc = cmdio->Start();
     if (rc != 0) {
         std::cerr << "vornd: the socket server did not start (code " << rc << ")\n";
-        _exit(1);
+        status = 1;
+    } else {
+        LogMessage(2, "VORN", "main").stream() << "vornd serving on socket " << opt.socketName;
+        int signo;
+        do {
+            siginfo_t info;
+            signo = sigwaitinfo(&stopSignals, &info);
+        } while ((signo < 0 && errno == EINTR) || (signo == SIGUSR1 && !g_loopEnded));
+        if (signo == SIGUSR1) {
+            // The process's descriptors were closed or replaced under it: nothing of its teardown
+            // can be trusted to touch only what is its own. Leave at once, so that init or
+            // systemd starts a fresh daemon.
+            LogMessage(4, "VORN", "main").stream()
+                << "the socket loop ended (code " << cmdio->GetLoopResult()
+                << "): vornd leaves with status 1 so that it is restarted";
+            flushLog();
+            _exit(1);
+        }
+        LogMessage(2, "VORN", "main").stream() << "vornd stopping on " << SignalName(signo);
     }
-    LogMessage(2, "VORN", "main").stream() << "vornd serving on socket " << opt.socketName;
 
-    siginfo_t info;
-    int signo;
-    do {
-        signo = sigwaitinfo(&stopSignals, &info);
-    } while (signo < 0 && errno == EINTR);
-    LogMessage(2, "VORN", "main").stream() << "vornd stopping on " << SignalName(signo);
-
-    // Teardown must not keep a supervisor waiting: if releasing the services ever hangs, leave
-    // anyway after 900 ms, still with status 0 since the stop was requested and honoured.
-    std::thread([] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(900));
-        LogMessage(4, "VORN", "main").stream() << "service teardown took too long, leaving";
-        _exit(0);
-    }).detach();
-
-    cmdio->Close();
+    cmdio->Stop();   // no command comes in any more
     delete wrapper;  // releases the service manager and every service
+    cmdio.reset();
     cfg.reset();
     LogMessage(2, "VORN", "main").stream() << "vornd stopped";
-    _exit(0);
+    flushLog();
+    _exit(status);
 }

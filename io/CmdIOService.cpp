@@ -13,15 +13,11 @@
 #include "core/ErrorCode.h"
 #include "io/Formatter.h"
 #include "io/FrontEndState.h"
+#include "io/ReplyRoute.h"
 #include "platform/LogMessage.h"
 #include "platform/TextUtils.h"
 
 namespace {
-// Guards the staging record, so that replies sent at the same moment from different threads
-// never mix inside it. One command I/O service per process. The write itself happens after it
-// is released, under the client's own write lock, so a client that reads late holds up only
-// replies to itself.
-std::mutex g_stagingLock;
 // Guards the callback and its context, and is held while the callback runs, so that a host
 // that replaces or removes the callback knows no call into the old one is still under way.
 std::recursive_mutex g_callbackLock;
@@ -66,7 +62,34 @@ CmdIOService::CmdIOService(char const* socketName)
       m_pCallbackContext(nullptr),
       m_pCallback(nullptr) {}
 
-CmdIOService::~CmdIOService() { delete m_pStaging; }
+// The loop is stopped and joined before anything of this object goes: it calls HandleRequest.
+CmdIOService::~CmdIOService() {
+    Processer::Stop();
+    delete m_pStaging;
+}
+
+void CmdIOService::SetReplyToSender(bool on) {
+    if (auto state = FrontEndState::Find(this)) state->replyToSender = on;
+}
+
+bool CmdIOService::GetReplyToSender() const {
+    auto state = FrontEndState::Find(this);
+    return state && state->replyToSender;
+}
+
+int CmdIOService::SlotIndex(const void* client) const {
+    for (int i = 0; i < kMaxClients; ++i)
+        if (client == &m_nClientFds[i]) return i;
+    return -1;
+}
+
+void* CmdIOService::ReplyTarget(const FrontEndState* state) {
+    if (state && state->replyToSender) {
+        const ClientRef to = ReplyRoute::Current();
+        if (to.Known() && to.slot < kMaxClients) return &m_nClientFds[to.slot];
+    }
+    return m_pReplyTarget.load();
+}
 
 void CmdIOService::CmdIOCallback(CommandCallback callback, void* context) {
     std::lock_guard<std::recursive_mutex> lock(g_callbackLock);
@@ -74,7 +97,8 @@ void CmdIOService::CmdIOCallback(CommandCallback callback, void* context) {
     m_pCallbackContext = context;
 }
 
-// 0 whatever Start reported: a server that failed to start has logged why.
+// 0 whatever Start reported: a server that failed to start has logged why. A host that needs
+// the result calls Start itself, as vornd does.
 int CmdIOService::CmdIOStart() {
     Start();
     return 0;
@@ -82,8 +106,19 @@ int CmdIOService::CmdIOStart() {
 
 // The bytes go out as received: the parser cuts the command. They are zero-terminated, since
 // every receive buffer is zero-filled beyond the data.
+// The callback runs inside a reply scope naming the sender (its slot and the slot's generation),
+// so that whoever takes the command in can keep it with the request.
 int CmdIOService::HandleRequest(unsigned char const* data, int length, void* client) {
     m_pReplyTarget = client;
+    ClientRef sender;
+    const int index = SlotIndex(client);
+    if (index >= 0) {
+        FrontEndState* state = FrontEndState::OfLoop(this);
+        std::shared_ptr<FrontEndState> found;
+        if (!state) state = (found = FrontEndState::Find(this)).get();
+        if (state) sender = ClientRef{index, state->generation[index].load()};
+    }
+    const ReplyRoute::Scope scope(sender);
     char const* command = reinterpret_cast<char const*>(data);
     std::lock_guard<std::recursive_mutex> lock(g_callbackLock);
     if (m_pCallback == nullptr || TextUtils::IsEmpty(command)) return 0;
@@ -100,22 +135,33 @@ int CmdIOService::InternalBufferedFlush(char const* command, int length) {
 // waits for room, for a second at most in all (a wait behind an earlier reply to the same
 // client included), so that a client that never reads cannot stall the thread that answers,
 // the loop thread among them, for longer. Each send is non-blocking (MSG_DONTWAIT) and raises no
-// SIGPIPE (MSG_NOSIGNAL), and happens under the lock with which the loop lets clients go, so
-// the number stays the client's while it is used; the wait for room happens outside the lock,
-// and the slot's generation tells afterwards whether the client is still the same. A reply that
-// cannot be delivered is dropped with one line. Result: the bytes written, or -1 with errno
-// when none could be.
+// SIGPIPE (MSG_NOSIGNAL), and happens under the reply lock with which the loop lets clients go,
+// so the number stays the client's while it is used; the wait for room happens outside the
+// lock, and the slot's generation tells afterwards whether the client is still the same. A
+// reply sent inside a reply scope (routing by sender) goes only to the client of the scope's
+// generation. With closing of stalled clients on, a reply that ran out of time marks its client
+// for the loop to close, and later replies to it are dropped at once. A reply that cannot be
+// delivered is dropped with one line. Result: the bytes written, or -1 with errno when none
+// could be.
 int CmdIOService::HandleResponse(unsigned char const* data, int length, void* client) {
     if (client == nullptr || length < 0) return 0;
     const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
     auto* slot = static_cast<std::atomic<int>*>(client);
-    int index = -1;
-    for (int i = 0; i < kMaxClients; ++i)
-        if (slot == &m_nClientFds[i]) index = i;
+    const int index = SlotIndex(client);
     const int waitMs = state ? state->replyWaitMs.load() : 1000;
     const auto deadline = FrontEndState::Clock::now() + std::chrono::milliseconds(waitMs);
     const size_t total = static_cast<size_t>(length);
     size_t done = 0;
+    // The generation the reply is meant for: the scope's when it names this slot.
+    ClientRef to;
+    if (state && state->replyToSender && index >= 0) {
+        to = ReplyRoute::Current();
+        if (to.slot != index) to = ClientRef();
+    }
+    const bool closeStalled = state && index >= 0 && state->closeStalled;
+    auto stalled = [&](uint32_t generation) {
+        return closeStalled && state->stalled[index] == generation + 1;
+    };
 
     const int turn = index >= 0 ? index : FrontEndState::kOtherTurn;
     if (state && !state->TakeWriteTurn(turn, deadline)) {
@@ -128,10 +174,16 @@ int CmdIOService::HandleResponse(unsigned char const* data, int length, void* cl
     pthread_mutex_lock(&m_mutex);
     const int fd = *slot;
     const uint32_t generation = (state && index >= 0) ? state->generation[index].load() : 0;
-    if (!IsValidFD(fd)) {
+    if (!IsValidFD(fd) || (to.Known() && to.generation != generation)) {
         pthread_mutex_unlock(&m_mutex);
         LogDroppedReply(data, total, 0, "the client is gone");
         return 0;
+    }
+    if (stalled(generation)) {
+        pthread_mutex_unlock(&m_mutex);
+        LogDroppedReply(data, total, 0, "the client does not read");
+        errno = EAGAIN;
+        return -1;
     }
     for (;;) {
         const ssize_t n = send(fd, data + done, total - done, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -152,9 +204,13 @@ int CmdIOService::HandleResponse(unsigned char const* data, int length, void* cl
             // Half a record would leave the client waiting for the rest: its connection is
             // shut, and the loop lets it go when it reads the end.
             if (done > 0) shutdown(fd, SHUT_RDWR);
+            const bool closing = full && closeStalled;
+            if (closing) state->stalled[index] = generation + 1;
             pthread_mutex_unlock(&m_mutex);
+            if (closing) state->Wake();
             LogDroppedReply(data, total, done,
-                            full ? "no room within " + std::to_string(waitMs) + " ms"
+                            full ? "no room within " + std::to_string(waitMs) + " ms" +
+                                       (closing ? "; the client is closed" : "")
                                  : std::string(strerror(error)));
             if (done > 0) return static_cast<int>(done);
             errno = full ? EAGAIN : error;
@@ -184,14 +240,12 @@ int CmdIOService::SendResponse(int /*code*/, char const* data, unsigned int leng
         return ERR_OUT_OF_RANGE;
     }
     if (data == nullptr && length != 0) return ERR_INVALID_PARAM;
-    {
-        std::lock_guard<std::mutex> lock(g_stagingLock);
-        m_pStaging->length = length;
-        if (length != 0) memcpy(m_pStaging->data, data, length);
-    }
-    // The caller's bytes are those of the staging record and stay valid for the call.
-    HandleResponse(reinterpret_cast<unsigned char const*>(length != 0 ? data : m_pStaging->data),
-                   static_cast<int>(length), m_pReplyTarget.load());
+    // The caller's bytes go out as they are: copying them into the staging record first would
+    // only make concurrent replies share it. The record stays allocated, unused, for the layout.
+    static const unsigned char kNothing = 0;
+    std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    HandleResponse(length != 0 ? reinterpret_cast<unsigned char const*>(data) : &kNothing,
+                   static_cast<int>(length), ReplyTarget(state.get()));
     return 0;
 }
 
@@ -225,12 +279,7 @@ void CmdIOService::ErrorResponse(char const* request, unsigned int requestLength
             << ")";
         return;
     }
-    {
-        std::lock_guard<std::mutex> lock(g_stagingLock);
-        memset(m_pStaging, 0, sizeof *m_pStaging);
-        m_pStaging->length = static_cast<uint32_t>(outputLength);
-        if (outputLength > 0) memcpy(m_pStaging->data, output, static_cast<size_t>(outputLength));
-    }
-    HandleResponse(outputLength > 0 ? output : reinterpret_cast<unsigned char*>(m_pStaging->data),
-                   outputLength, m_pReplyTarget.load());
+    static const unsigned char kNothing = 0;
+    std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    HandleResponse(outputLength > 0 ? output : &kNothing, outputLength, ReplyTarget(state.get()));
 }

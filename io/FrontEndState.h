@@ -2,6 +2,8 @@
 #define VORN_IO_FRONTENDSTATE_H
 
 #include <poll.h>
+#include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
@@ -14,18 +16,27 @@
 #include "io/Processer.h"
 
 // What the socket front end keeps beside a Processer, whose fields hosts are compiled against:
-// the host settings, per-slot bookkeeping for replies and idle clients, the connections left
-// waiting beyond the four slots and the accept back-off. One per Processer, created by its
-// constructor and erased by its destructor; the loop thread holds its own reference, so a
-// server deleted under a running loop leaves the loop a valid state.
+// the host settings, the loop thread and its control descriptor, per-slot bookkeeping for
+// replies and idle clients, the connections left waiting beyond the four slots and the accept
+// back-off. One per Processer, created by its constructor and erased by its destructor once the
+// loop has been stopped and joined.
 class FrontEndState {
 public:
     using Clock = std::chrono::steady_clock;
+
+    FrontEndState();
+    ~FrontEndState();
+    FrontEndState(const FrontEndState&) = delete;
+    FrontEndState& operator=(const FrontEndState&) = delete;
 
     static std::shared_ptr<FrontEndState> Create(const Processer* owner);
     // Null for an object that has none (never for a constructed Processer).
     static std::shared_ptr<FrontEndState> Find(const Processer* owner);
     static void Erase(const Processer* owner);
+    // The state of `owner` when the calling thread is its loop thread (set once when the loop
+    // starts, so the loop's own calls need no lookup); null on any other thread.
+    static FrontEndState* OfLoop(const Processer* owner);
+    static void SetLoop(const Processer* owner, FrontEndState* state);
 
     static int64_t NowMs() {
         return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -37,6 +48,40 @@ public:
     std::atomic<int> idleSeconds{0};   // 0: clients are never let go for idling
     std::atomic<int> waitingLimit{0};  // 0: no limit on connections left waiting
     std::atomic<int> replyWaitMs{1000};
+    // Off: replies go to the client of the latest transmission. On: to the client a command came
+    // from (ReplyRoute), dropped with a line when that client has gone.
+    std::atomic<bool> replyToSender{false};
+    // On: when a slot frees, the connection that has waited longest takes it.
+    std::atomic<bool> promoteWaiting{false};
+    // On: a client one of whose replies could not be written within replyWaitMs is closed, and
+    // later replies to it are dropped at once instead of waiting again.
+    std::atomic<bool> closeStalled{false};
+
+    // The loop thread. Start and Stop (and the destructor through Stop) take the lock; the loop
+    // itself never does, so Stop may join it while holding it.
+    // Guards loopStarted, loopThread and the setting of the loop-end callback (which the loop
+    // reads only after Start, under this lock, has started it).
+    std::mutex loopLock;
+    bool loopStarted = false;
+    pthread_t loopThread{};
+    // An eventfd in every wait of the loop. Stop and a reply that finds its client stalled write
+    // to it; only the loop reads it. -1 once the loop found it closed under it.
+    std::atomic<int> controlFd{-1};
+    std::atomic<bool> stopRequested{false};
+    bool controlLost = false;  // the loop's own: its control descriptor was closed under it
+    void Wake();
+    // Why the loop ended: -1 while it runs (or never ran), 0 stopped by Stop, EINTR ended by a
+    // signal ("got signal"), 1005 the listening socket was lost. Written by the loop thread.
+    std::atomic<int> loopResult{-1};
+    Processer::LoopEndCallback loopEndCallback = nullptr;  // set by the host before Start
+    void* loopEndContext = nullptr;
+    // What the listening socket was when it was opened, so that the loop can tell it from a
+    // descriptor that took its number after it was closed under it. Written by whoever opens
+    // the socket (the constructor, or the loop when it reopens it), read by the loop.
+    dev_t listenerDev = 0;
+    ino_t listenerIno = 0;
+    int64_t listenerCheckedMs = 0;  // the loop's own: when it last compared them
+    bool descriptorGone = false;    // the loop's own: its last wait found a closed descriptor
 
     // Per slot. The generation grows whenever a slot's client is let go, so that a reply that
     // waited for room without the lock can tell its client from a newcomer on the same number.
@@ -44,6 +89,9 @@ public:
     // thread that answers on a reply.
     std::atomic<uint32_t> generation[Processer::kMaxClients] = {};
     std::atomic<int64_t> lastActivityMs[Processer::kMaxClients] = {};
+    // The generation + 1 of a slot's client that does not read its replies, 0 for none: the
+    // thread whose reply timed out sets it, the loop closes that client at its next round.
+    std::atomic<uint32_t> stalled[Processer::kMaxClients] = {};
     // One reply at a time to a client, whole, so that records never interleave. A turn is
     // awaited until the reply's deadline; the last one serves replies to an address outside
     // the slot table.

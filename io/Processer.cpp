@@ -4,7 +4,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -117,6 +119,42 @@ void KeepWaiting(FrontEndState& state, int fd) {
 }
 }  // namespace
 
+namespace {
+// The loop thread's own server and state, set once as the loop starts.
+thread_local const Processer* t_loopOwner = nullptr;
+thread_local FrontEndState* t_loopState = nullptr;
+}  // namespace
+
+FrontEndState::FrontEndState() : controlFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (controlFd < 0)
+        LogMessage(4, "VORN", "Processer").stream()
+            << "no control descriptor (" << strerror(errno) << "): Stop cannot wake the loop";
+}
+
+FrontEndState::~FrontEndState() {
+    const int fd = controlFd.exchange(-1);
+    if (fd >= 0) close(fd);
+}
+
+void FrontEndState::Wake() {
+    const int fd = controlFd;
+    if (fd < 0) return;
+    const uint64_t one = 1;
+    ssize_t n;
+    do {
+        n = write(fd, &one, sizeof one);
+    } while (n < 0 && errno == EINTR);
+}
+
+FrontEndState* FrontEndState::OfLoop(const Processer* owner) {
+    return t_loopOwner == owner ? t_loopState : nullptr;
+}
+
+void FrontEndState::SetLoop(const Processer* owner, FrontEndState* state) {
+    t_loopOwner = owner;
+    t_loopState = state;
+}
+
 std::shared_ptr<FrontEndState> FrontEndState::Create(const Processer* owner) {
     auto state = std::make_shared<FrontEndState>();
     std::lock_guard<std::mutex> lock(g_statesLock);
@@ -163,9 +201,24 @@ Processer::Processer(char const* name)
     InitServerSock();
 }
 
-// Descriptors stay open: the detached loop thread may still wait on them, and a number closed
-// here could be handed to someone else under it.
+// The loop is stopped and joined first, so nothing reads the receive buffer freed here. The
+// descriptors are closed then, the listening socket's name with them; after a lost listener
+// they are left alone, since their numbers may belong to someone else by now.
 Processer::~Processer() {
+    EndLoop();
+    if (const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this)) {
+        if (state->loopResult != ERR_INVALID_FD) {
+            for (auto& slot : m_nClientFds) {
+                const int fd = slot.exchange(-1);
+                if (fd != -1) close(fd);
+            }
+            for (const auto& w : state->waiting) close(w.fd);
+            state->waiting.clear();
+            const int serverFd = LoadFd(m_nServerFd);
+            StoreFd(m_nServerFd, -1);
+            if (serverFd >= 0) close(serverFd);
+        }
+    }
     m_thread = 0;
     pthread_attr_destroy(&m_attr);
     pthread_mutex_destroy(&m_mutex);
@@ -193,6 +246,54 @@ int Processer::GetWaitingLimit() const {
     return state ? state->waitingLimit.load() : 0;
 }
 
+void Processer::SetPromoteWaiting(bool on) {
+    if (auto state = FrontEndState::Find(this)) state->promoteWaiting = on;
+}
+
+bool Processer::GetPromoteWaiting() const {
+    auto state = FrontEndState::Find(this);
+    return state && state->promoteWaiting;
+}
+
+void Processer::SetCloseStalledClients(bool on) {
+    if (auto state = FrontEndState::Find(this)) state->closeStalled = on;
+}
+
+bool Processer::GetCloseStalledClients() const {
+    auto state = FrontEndState::Find(this);
+    return state && state->closeStalled;
+}
+
+void Processer::SetLoopEndCallback(LoopEndCallback callback, void* context) {
+    if (auto state = FrontEndState::Find(this)) {
+        std::lock_guard<std::mutex> lock(state->loopLock);
+        state->loopEndCallback = callback;
+        state->loopEndContext = context;
+    }
+}
+
+int Processer::GetLoopResult() const {
+    auto state = FrontEndState::Find(this);
+    return state ? state->loopResult.load() : -1;
+}
+
+void Processer::NoteListener(int fd) {
+    struct stat st {};
+    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    if (state && fstat(fd, &st) == 0) {
+        state->listenerDev = st.st_dev;
+        state->listenerIno = st.st_ino;
+    }
+}
+
+bool Processer::ListenerLost(const FrontEndState& state) {
+    const int fd = LoadFd(m_nServerFd);
+    if (fd < 0) return false;  // not open: the loop opens it again
+    struct stat st {};
+    if (fstat(fd, &st) != 0) return true;
+    return st.st_dev != state.listenerDev || st.st_ino != state.listenerIno;
+}
+
 int Processer::InitServerSock() {
     int fd = m_pSocketName ? socket_local_server(m_pSocketName, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
                                                  SOCK_STREAM)
@@ -204,6 +305,7 @@ int Processer::InitServerSock() {
         return -1;
     }
     fcntl(fd, F_SETFD, FD_CLOEXEC);
+    NoteListener(fd);
     StoreFd(m_nServerFd, fd);
     LogMessage(1, "VORN", "InitServerSock").stream()
         << "Initialize server(" << m_pSocketName << ") socket: serversock=" << fd;
@@ -224,7 +326,22 @@ int Processer::Start() {
         LogMessage(4, "VORN", "Start").stream() << "server socket fd error";
         return ERR_INVALID_FD;
     }
-    return pthread_create(&m_thread, &m_attr, ThreadProc, this);
+    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    if (!state) return pthread_create(&m_thread, &m_attr, ThreadProc, this);
+    std::lock_guard<std::mutex> lock(state->loopLock);
+    if (state->loopStarted) {
+        LogMessage(3, "VORN", "Start").stream() << "the socket loop is already running";
+        return 0;
+    }
+    state->stopRequested = false;
+    state->loopResult = -1;
+    // Joinable, unlike the attributes kept in m_attr: Stop and the destructor join the loop.
+    const int rc = pthread_create(&m_thread, nullptr, ThreadProc, this);
+    if (rc == 0) {
+        state->loopThread = m_thread;
+        state->loopStarted = true;
+    }
+    return rc;
 }
 
 void* Processer::ThreadProc(void* self) {
@@ -232,14 +349,39 @@ void* Processer::ThreadProc(void* self) {
     return nullptr;
 }
 
-// Does not end the loop thread: only a signal does. The attributes are made afresh after being
+// Ends the loop thread through its control descriptor and joins it, so that the object may be
+// deleted afterwards. Called on the loop thread itself (from a callback), it asks the loop to
+// end after the current round and does not wait. The attributes are made afresh after being
 // destroyed, so that a later Start or the destructor never meets destroyed ones.
 int Processer::Stop() {
+    EndLoop();
     m_thread = 0;
     pthread_attr_destroy(&m_attr);
     pthread_attr_init(&m_attr);
     pthread_attr_setdetachstate(&m_attr, PTHREAD_CREATE_DETACHED);
     return 0;
+}
+
+void Processer::EndLoop() {
+    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    if (!state) return;
+    std::lock_guard<std::mutex> lock(state->loopLock);
+    if (!state->loopStarted) return;
+    state->stopRequested = true;
+    state->Wake();
+    if (pthread_equal(pthread_self(), state->loopThread)) {
+        // Asked from the loop's own callback: it ends after this round, and a later Stop or
+        // the destructor, on another thread, joins it.
+        return;
+    } else if (state->controlFd < 0 && state->loopResult < 0) {
+        // Nothing can wake a loop without its control descriptor: it is left to run.
+        LogMessage(4, "VORN", "Stop").stream()
+            << "the socket loop cannot be woken (no control descriptor); it is left running";
+        pthread_detach(state->loopThread);
+    } else {
+        pthread_join(state->loopThread, nullptr);
+    }
+    state->loopStarted = false;
 }
 
 bool Processer::isConnect() {
@@ -409,12 +551,32 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
         for (int i = 0; i < kMaxClients; ++i)
             if (m_nClientFds[i] != -1) until(state.lastActivityMs[i] + idleMs);
     }
+    // Last: Stop and a stalled reply wake the loop through it.
+    const int controlFd = state.controlFd;
+    if (controlFd >= 0) polled.push_back({controlFd, POLLIN, 0});
 
-    // Like select with no timeout, an endless wait ends only by input or a signal (EINTR).
+    // An endless wait ends by input, by the control descriptor or by a signal (EINTR).
     if (poll(polled.empty() ? nullptr : polled.data(), polled.size(), timeout) < 0) return -1;
+    if (controlFd >= 0) {
+        const short events = polled.back().revents;
+        if (events & POLLNVAL) {
+            // Closed behind the loop's back: its number is not ours to write or close any more.
+            state.controlFd = -1;
+            state.controlLost = true;
+            LogMessage(4, "VORN", "Run").stream()
+                << "control descriptor closed under the loop: fd=" << controlFd;
+        } else if (events & POLLIN) {
+            uint64_t count;
+            while (read(controlFd, &count, sizeof count) < 0 && errno == EINTR) {
+            }
+        }
+    }
 
     FD_ZERO(&m_readSet);
     int ready = 0;
+    state.descriptorGone = false;
+    for (const pollfd& p : polled)
+        if (p.revents & POLLNVAL) state.descriptorGone = true;
     for (size_t k = 0; k < inputs; ++k) {
         if (polled[k].revents == 0) continue;
         FD_SET(polled[k].fd, &m_readSet);
@@ -458,16 +620,61 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
     return ready;
 }
 
+int Processer::LostListener() {
+    const int lost = LoadFd(m_nServerFd);
+    StoreFd(m_nServerFd, -1);  // not ours any more: never used or closed again
+    LogMessage(4, "VORN", "Run").stream() << "listening socket lost (fd=" << lost
+                                          << "): no client can connect any more; the loop ends";
+    return ERR_INVALID_FD;
+}
+
+void Processer::TendSlots(FrontEndState& state) {
+    for (int i = 0; i < kMaxClients; ++i) {
+        const uint32_t mark = state.stalled[i].exchange(0);
+        const int fd = m_nClientFds[i];
+        if (mark == 0 || fd == -1 || state.generation[i] != mark - 1) continue;
+        LogMessage(3, "VORN", "Run").stream()
+            << "client[" << i << "] closed: it does not read its replies";
+        LetClientGo(i, fd, state);
+    }
+    if (!state.promoteWaiting) return;
+    while (!state.waiting.empty() && IsClientFd(m_nClientFds, -1)) {
+        const int fd = state.waiting.front().fd;
+        state.waiting.erase(state.waiting.begin());
+        const int rc = AddClient(fd);
+        if (rc < 0) {
+            close(fd);
+        } else if (rc > 0) {
+            state.waiting.insert(state.waiting.begin(), {fd, FrontEndState::NowMs()});
+            break;
+        } else if (LogMessage::IsOn(1)) {
+            LogMessage(1, "VORN", "Run").stream() << "waiting client takes a free slot: fd=" << fd;
+        }
+    }
+}
+
 void Processer::Run() {
-    // The loop's own reference: the state outlives a server deleted under a running loop.
+    // The loop's own reference, taken once: its calls on this thread need no lookup.
     const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    FrontEndState::SetLoop(this, state.get());
     // False while a transmission spanning whole chunks is read with the descriptor non-blocking.
     bool blocking = true;
+    int result = 0;
     for (;;) {
+        if (state->stopRequested) break;
+        // A descriptor found closed while reading: the listener is compared before the wait,
+        // which could otherwise last for good on a number that is no longer the listener.
+        if (state->descriptorGone && ListenerLost(*state)) {
+            result = LostListener();
+            break;
+        }
         if (LoadFd(m_nServerFd) == -1 && InitServerSock() != 0) {
-            sleep(1);
+            // A second's pause that Stop can cut short.
+            pollfd control{state->controlFd, POLLIN, 0};
+            poll(&control, control.fd >= 0 ? 1 : 0, 1000);
             continue;
         }
+        TendSlots(*state);
         int maxFd = GetMaxFd();
         UpdateFdSet(&m_readSet);
         // Only while it is still one of ours: the number of a client that left may already
@@ -476,7 +683,29 @@ void Processer::Run() {
         if (lastFd != -1 && IsClientFd(m_nClientFds, lastFd)) fcntl(lastFd, F_SETFL, 0);
 
         const int ready = WaitRound(*state, maxFd);
-        if (ready < 0 && errno == EINTR) break;
+        if (ready < 0 && errno == EINTR) {
+            result = EINTR;
+            LogMessage(4, "VORN", "Run").stream() << "got signal";
+            break;
+        }
+        if (state->stopRequested) break;
+        // A HAL that closes descriptors it does not own leaves the listener's number to
+        // whatever is opened next, and no client could ever connect again. Checked before any
+        // accept, when the wait found any descriptor closed, and otherwise on a wake-up at most
+        // every 100 ms. The loop ends then, and says so; a daemon leaves, so that its supervisor
+        // restarts it. Without its control descriptor the loop could not be stopped: the same.
+        const int listening = LoadFd(m_nServerFd);
+        const int64_t now = FrontEndState::NowMs();
+        bool listenerLost = false;
+        if ((FitsFdSet(listening) && FD_ISSET(listening, &m_readSet)) || state->descriptorGone ||
+            now - state->listenerCheckedMs >= 100) {
+            state->listenerCheckedMs = now;
+            listenerLost = ListenerLost(*state);
+        }
+        if (listenerLost || state->controlLost) {
+            result = LostListener();
+            break;
+        }
         if (ready < 1) continue;
         int serverFd = LoadFd(m_nServerFd);
         if (FitsFdSet(serverFd) && FD_ISSET(serverFd, &m_readSet)) {
@@ -522,6 +751,8 @@ void Processer::Run() {
                     // deliver: its chunks are released and the client is dropped at once.
                     extra.clear();
                     gone = true;
+                    // Closed behind the loop's back: the listener may have gone the same way.
+                    if (n < 0 && errno == EBADF) state->descriptorGone = true;
                 }
                 break;
             }
@@ -558,5 +789,8 @@ void Processer::Run() {
             blocking = true;
         }
     }
-    LogMessage(4, "VORN", "Run").stream() << "got signal";
+    if (result == 0) LogMessage(2, "VORN", "Run").stream() << "socket loop stopped";
+    FrontEndState::SetLoop(nullptr, nullptr);
+    state->loopResult = result;
+    if (state->loopEndCallback) state->loopEndCallback(result, state->loopEndContext);
 }

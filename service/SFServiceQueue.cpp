@@ -7,8 +7,10 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "io/Formatter.h"
+#include "io/ReplyRoute.h"
 #include "io/SFCommandParser.h"
 #include "platform/LogMessage.h"
 #include "platform/Thread.h"
@@ -42,6 +44,49 @@ struct HandlerSpan {
 };
 }  // namespace
 
+// ---- Reply routing: the client each reply goes to -------------------------------------------
+// The front end names a command's sender in a reply scope while the command is taken in. The
+// engine keeps that client with the request and opens a scope with it around sending the
+// request's reply, the 1002 of its timeout included, on whatever thread sends it. Keyed by the
+// message (the exported SFMessage has no room for it) and by the service for the request its
+// request thread runs:
+//   EnQueue(request)      remembers the sender of the request (the intake thread's scope)
+//   HandleRequest         the taken request's sender becomes its service's current one
+//   EnQueue(response)     a reply, from the request thread or the monitor's timeout, goes to the
+//                         current request's sender
+//   HandleResponse        sends the reply inside a scope naming that sender
+// Requests without a known sender (internal ones, a host's own) keep no entry and are answered
+// as before, to the client of the latest transmission.
+namespace {
+namespace reply_routes {
+std::mutex g_lock;  // guards Table()
+std::unordered_map<const void*, ClientRef>& Table() {
+    static auto* table = [] {  // outlives exit
+        auto* t = new std::unordered_map<const void*, ClientRef>;
+        t->reserve(256);  // a few entries per queued request: no rehash on the way
+        return t;
+    }();
+    return *table;
+}
+void Remember(const void* key, ClientRef client) {
+    std::lock_guard<std::mutex> lock(g_lock);
+    if (client.Known())
+        Table()[key] = client;
+    else
+        Table().erase(key);
+}
+ClientRef Lookup(const void* key, bool take) {
+    std::lock_guard<std::mutex> lock(g_lock);
+    auto it = Table().find(key);
+    if (it == Table().end()) return ClientRef();
+    const ClientRef client = it->second;
+    if (take) Table().erase(it);
+    return client;
+}
+}  // namespace reply_routes
+}  // namespace
+// ---- end of reply routing ---------------------------------------------------------------------
+
 int GetQueueSpinMicros() { return g_queueSpinMicros.load(std::memory_order_relaxed); }
 
 void SetQueueSpinMicros(int micros) {
@@ -62,6 +107,7 @@ int SFService::EnQueue(SFMessage* msg) {
                 << "return is " << (resp ? resp->result : 1006);
             DUMPLOG("VORN", "[RESPONSE]", resp ? resp->data : nullptr, resp ? resp->length : 0);
         }
+        reply_routes::Remember(msg, reply_routes::Lookup(this, false));
         m_respQueue.enqueue(msg);
         return 0;
     }
@@ -70,6 +116,7 @@ int SFService::EnQueue(SFMessage* msg) {
         if (auto lifetime = ServiceLifetime::Find(this)) lifetime->MarkConstructed();
         SFData* req = msg->GetRequestData();
         DUMPLOG("VORN", "[REQUEST]", req ? req->data : nullptr, req ? req->length : 0);
+        reply_routes::Remember(msg, ReplyRoute::Current());
         m_reqQueue.enqueue(msg);
         return 0;
     }
@@ -127,6 +174,7 @@ int SFService::HandleRequest() {
     delete m_pCurReqMsg.exchange(nullptr);
     SFMessage* msg = reqDeQ();
     if (!msg) return 0;  // the queue was switched off, or a wake-up found it empty
+    reply_routes::Remember(this, reply_routes::Lookup(msg, true));
     // The monitor times the request from now. It needs a byte only when it sleeps without a
     // limit or past this request's end; otherwise it finds the request when its limit runs out.
     if (lifetime->Clock().Begin(this, msg)) {
@@ -182,6 +230,7 @@ int SFService::HandleResponse() {
         if (!IsStopping()) LogMessage(4, "VORN", "HandleResponse").stream() << "message is null";
         return 2;
     }
+    const ReplyRoute::Scope route(reply_routes::Lookup(msg.get(), true));
     SFRespData* resp = msg->GetResponseData();
     SFData* req = msg->GetRequestData();
     uint32_t reqLen = req ? req->length : 0;

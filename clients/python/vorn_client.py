@@ -59,7 +59,8 @@ class VornTimeout(VornError, TimeoutError):
 
 
 class ReplyMismatch(VornError):
-    """The reply echoes another command (vornd answers the client that sent last)."""
+    """The reply echoes another command (vornd --reply-routing=latest answers the client that
+    sent last)."""
 
 
 class MalformedReply(VornError, ValueError):

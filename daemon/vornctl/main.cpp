@@ -62,8 +62,9 @@ int RunCommands(const Options& opt) {
             std::cerr << "vornctl: no reply to \"" << Escape(command) << "\": " << err << "\n";
             return kExitNoAnswer;
         }
-        // vornd answers the client that sent last: what another client's command caused is
-        // not our answer, and printing it as one would mislead.
+        // A vornd run with --reply-routing=latest answers the client that sent last: what
+        // another client's command caused is not our answer, and printing it as one would
+        // mislead.
         if (!IsReplyTo(reply, command)) {
             std::cerr << "vornctl: reply to another command: sent \"" << Escape(command)
                       << "\", the reply echoes \"" << Escape(reply.request) << "\"\n";

@@ -260,6 +260,27 @@ TEST_F(SocketFrontEnd, SlowReaderStillGetsEveryReply) {
     EXPECT_FALSE(LogHas("dropped"));
 }
 
+// A HAL function that closes descriptors 3..20 takes the listening socket with it: vornd says
+// so and leaves with status 1, so that its supervisor starts a fresh one.
+TEST_F(SocketFrontEnd, LostListenerEndsVorndWithStatusOne) {
+    const std::string config = dir.Write(
+        "closing.json", std::string("{ \"misc\": { \"libpath\": \"") + VORN_TEST_HAL_PATH +
+                            "\", \"whitelist\": [ { \"command\": \"JXT+CLOSEFDS\", "
+                            "\"func\": \"close_fds_cmd\" } ] } }");
+    Launch({"--config", config});
+    ASSERT_TRUE(client.Send("JXT+CLOSEFDS"));
+    // A connection attempt wakes the loop, which finds the listener gone or replaced.
+    EXPECT_TRUE(Await(
+        [&] {
+            Client().Connect(socket);
+            return daemon.Wait(10ms);
+        },
+        3000ms));
+    EXPECT_EQ(daemon.ExitStatus(), 1);
+    EXPECT_TRUE(LogHas("): no client can connect any more; the loop ends"));
+    EXPECT_TRUE(LogHas("vornd leaves with status 1 so that it is restarted"));
+}
+
 TEST_F(SocketFrontEnd, ClientBytesInTheLogStayOnOneLineAndBounded) {
     Launch();
     const std::string forged = "JXT+NOPE\nVORN E 01-01 00:00:00 1 1 [Run] forged\x1b[2J";

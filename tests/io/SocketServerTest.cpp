@@ -1,11 +1,16 @@
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "io/RecordingServer.h"
@@ -14,10 +19,11 @@
 using vorn_test::Await;
 using vorn_test::Client;
 using vorn_test::LogCapture;
+using namespace std::chrono_literals;
 
 TEST(SocketServer, TransmissionsArriveWholeUpToEightChunks) {
     LogCapture log;
-    RecordingServer* server = RecordingServer::Launch("chunk");
+    auto server = RecordingServer::Launch("chunk");
     Client client;
     ASSERT_TRUE(client.Connect(server->Name()));
     // Empty text never reaches the callback.
@@ -47,7 +53,7 @@ TEST(SocketServer, TransmissionsArriveWholeUpToEightChunks) {
 
 TEST(SocketServer, FifthClientIsAcceptedButNeverReadAndAFreedSlotIsReused) {
     LogCapture log;
-    RecordingServer* server = RecordingServer::Launch("five");
+    auto server = RecordingServer::Launch("five");
     std::array<Client, 5> clients;
     for (int i = 0; i < 4; ++i) {
         ASSERT_TRUE(clients[i].Connect(server->Name()));
@@ -69,6 +75,74 @@ TEST(SocketServer, FifthClientIsAcceptedButNeverReadAndAFreedSlotIsReused) {
     ASSERT_TRUE(server->AwaitCount(6));
     EXPECT_EQ("JXT+NEXT", server->Received()[5]);
     EXPECT_NE(-1, server->ClientFd(2));
+
+    // With promotion on, the waiting fifth takes the next slot that frees, and what it sent
+    // while it waited is read.
+    server->SetPromoteWaiting(true);
+    clients[3].Close();
+    ASSERT_TRUE(server->AwaitCount(7));
+    EXPECT_EQ("JXT+FIFTH", server->Received()[6]);
+}
+
+TEST(SocketServer, StopEndsTheLoopWithoutASignalAndDeletingIsSafeWhileItRuns) {
+    LogCapture log;
+    auto server = RecordingServer::Launch("stop");
+    Client client;
+    ASSERT_TRUE(client.Connect(server->Name()));
+    ASSERT_TRUE(client.Send("JXT+A"));
+    ASSERT_TRUE(server->AwaitCount(1));
+    EXPECT_EQ(-1, server->GetLoopResult());
+    EXPECT_EQ(0, server->Stop());  // back once the loop thread has ended
+    EXPECT_EQ(0, server->GetLoopResult());
+    EXPECT_TRUE(log.Has("socket loop stopped", "Run", 2));
+    ASSERT_TRUE(client.Send("JXT+B"));
+    EXPECT_FALSE(Await([&] { return server->Received().size() > 1; }, 100ms));
+    ASSERT_EQ(0, server->Start());  // started again, it serves again
+    ASSERT_TRUE(server->AwaitCount(2));
+
+    // Deleted while a client keeps sending: the loop ends before anything it reads goes, and
+    // the socket's name is free again.
+    const std::string name = server->Name();
+    std::atomic<bool> sending{true};
+    std::thread sender([&] {
+        while (sending && client.Send("JXT+C")) {
+        }
+    });
+    ASSERT_TRUE(server->AwaitCount(10));
+    server.reset();
+    sending = false;
+    sender.join();
+    RecordingServer again(name);
+    EXPECT_EQ(0, again.Start());
+}
+
+TEST(SocketServer, ListenerReplacedUnderTheLoopEndsItAndTellsTheHost) {
+    LogCapture log;
+    RecordingServer server(vorn_test::UniqueSocketName("lost"));
+    std::atomic<int> ended{-1};
+    server.SetLoopEndCallback(
+        [](int result, void* context) { static_cast<std::atomic<int>*>(context)->store(result); },
+        &ended);
+    ASSERT_EQ(0, server.Start());
+    Client client;
+    ASSERT_TRUE(client.Connect(server.Name()));
+    ASSERT_TRUE(client.Send("JXT+A"));
+    ASSERT_TRUE(server.AwaitCount(1));
+    // As a HAL that closes descriptors it does not own: the number now names another file.
+    const int fd = server.ServerFd();
+    const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(fd, dup2(other, fd));
+    close(other);
+    Client next;
+    next.Connect(server.Name());  // the loop wakes for the listener, and finds it replaced
+    ASSERT_TRUE(client.Send("JXT+B"));
+    ASSERT_TRUE(Await([&] { return ended == 1005; }));
+    EXPECT_EQ(1005, server.GetLoopResult());
+    EXPECT_TRUE(log.Has("listening socket lost (fd=" + std::to_string(fd) +
+                            "): no client can connect any more; the loop ends",
+                        "Run", 4));
+    EXPECT_EQ(1u, server.Received().size());
+    close(fd);  // the server leaves a lost number alone
 }
 
 TEST(SocketServer, SignalDuringSelectEndsTheLoop) {
@@ -87,12 +161,13 @@ TEST(SocketServer, SignalDuringSelectEndsTheLoop) {
         pthread_kill(server->LoopThread(), SIGUSR1);
         return Await([&] { return log.Has("got signal", "Run"); }, std::chrono::milliseconds(20));
     }));
+    EXPECT_TRUE(Await([&] { return server->GetLoopResult() == EINTR; }));
     delete server;  // the loop has ended for good
 }
 
 TEST(SocketServer, ServerWithoutSocketRefusesToStart) {
     LogCapture log;
-    RecordingServer* first = RecordingServer::Launch("taken");
+    auto first = RecordingServer::Launch("taken");
     RecordingServer second(first->Name());
     EXPECT_TRUE(
         log.Has("socket_local_server create fail. sockname=" + first->Name(), "InitServerSock", 4));

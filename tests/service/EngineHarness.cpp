@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <limits.h>
-#include <signal.h>
 #include <unistd.h>
 
 namespace vorn_test {
@@ -34,18 +33,6 @@ std::string TestHal::Path() {
         if (access((dir + sub + name).c_str(), R_OK) == 0) return dir + sub + name;
     return name;
 }
-
-namespace {
-
-// Exposes the loop thread so that a signal can end it before the server is deleted.
-class TestCmdIOService : public CmdIOService {
-public:
-    using CmdIOService::CmdIOService;
-    pthread_t LoopThread() const { return m_thread; }
-};
-
-void NoOpHandler(int) {}
-}  // namespace
 
 void TestHal::Reset() { HalFunc<void (*)()>("test_hal_reset")(); }
 void TestHal::Release() { HalFunc<void (*)()>("test_hal_release")(); }
@@ -86,7 +73,7 @@ EngineHarness::EngineHarness(const std::string& configJson, bool start,
     TestHal::Reset();
     socketName = UniqueSocketName("engine");
     ContextWrapper::SetConfigFilePath(dir.Write("vorn.json", configJson).c_str());
-    cmdio = new TestCmdIOService(socketName.c_str());
+    cmdio = new CmdIOService(socketName.c_str());
     cfg = new ConfigManager();
     wrapper = new ContextWrapper(cmdio, cfg);
     wrapper->AddAvailableService(MISC_SERVICE,
@@ -103,27 +90,13 @@ EngineHarness::~EngineHarness() {
     // Blocked handlers are let go first, so their threads end instead of piling up.
     if (releaseOnExit) TestHal::Release();
     client.Close();
-    // The wrapper leaves the front end alone: as a host, stop commands reaching it first.
-    if (cmdio) cmdio->CmdIOCallback(nullptr, nullptr);
+    // As a host does: the socket loop is stopped (and joined) before the services go, so no
+    // command reaches them any more; replies still under way find the front end alive.
+    if (cmdio) cmdio->Stop();
     delete wrapper;
-    StopLoopThread();
     delete cmdio;
     delete cfg;
     ContextWrapper::SetConfigFilePath(nullptr);
-}
-
-void EngineHarness::StopLoopThread() {
-    auto* io = static_cast<TestCmdIOService*>(cmdio);
-    if (!io || io->LoopThread() == static_cast<pthread_t>(-1) || io->LoopThread() == 0) return;
-    struct sigaction sa {};
-    sa.sa_handler = NoOpHandler;  // no SA_RESTART: select returns EINTR
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGUSR2, &sa, nullptr);
-    // The signal may land while the loop is busy outside select: send it until it is seen.
-    for (int i = 0; i < 500 && !log.Has("got signal", "Run"); ++i) {
-        pthread_kill(io->LoopThread(), SIGUSR2);
-        log.AwaitLine("got signal", "Run", std::chrono::milliseconds(10));
-    }
 }
 
 void EngineHarness::AwaitAllServicesUp() {

@@ -51,9 +51,6 @@ public:
     ConfigManager* cfg = nullptr;
     ContextWrapper* wrapper = nullptr;
     Client client;
-
-private:
-    void StopLoopThread();
 };
 
 }  // namespace vorn_test

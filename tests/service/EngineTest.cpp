@@ -114,6 +114,37 @@ TEST(EngineRouting, ReplyGoesToTheClientOfTheLatestTransmission) {
     EXPECT_EQ("late", r.response);
 }
 
+// With routing by sender (vornd's default) a late answer, and the 1002 of a timeout, reach the
+// client the request came from, or nobody once that client has gone.
+TEST(EngineRouting, WithRoutingBySenderEveryReplyReachesItsSender) {
+    EngineHarness h;  // "JXT+HANG" blocks; every request times out after a second
+    h.cmdio->SetReplyToSender(true);
+    Client other, leaving;
+    ASSERT_TRUE(other.Connect(h.socketName));
+    ASSERT_TRUE(leaving.Connect(h.socketName));
+    ASSERT_TRUE(h.client.Send("JXT+HANG"));
+    ASSERT_TRUE(Await([] { return TestHal::Blocked() == 1; }));
+    Reply r;
+    ASSERT_TRUE(other.Send("JXT+GSENSOR=x") && other.ReadReply(r));
+    EXPECT_EQ("x", r.response);
+    ASSERT_TRUE(h.client.ReadReply(r));
+    EXPECT_EQ("JXT+HANG", r.request);
+    EXPECT_EQ(1002, r.result);
+
+    // The sensor service's request thread is held; the client that sent it leaves before the
+    // timeout answers, and the other one sends meanwhile.
+    ASSERT_TRUE(leaving.Send("JXT+SHANG"));
+    ASSERT_TRUE(Await([] { return TestHal::Blocked() == 2; }));
+    leaving.Close();
+    ASSERT_TRUE(other.Send("JXT+CPVERSION=y") && other.ReadReply(r));
+    EXPECT_EQ("JXT+CPVERSION=y", r.request);
+    EXPECT_TRUE(h.log.AwaitLine(
+        "reply to command(JXT+SHANG) dropped, 0 of 36 bytes written: the client is gone",
+        "HandleResponse"));
+    EXPECT_EQ("", other.ReadAvailable(std::chrono::milliseconds(50)));
+    EXPECT_EQ("", h.client.ReadAvailable(std::chrono::milliseconds(0)));
+}
+
 TEST(EngineConfig, SwitchedOffServiceRefusesItsCommands) {
     EngineHarness h(R"({ "sensor": { "support": false } })");
     Reply r;

@@ -1,4 +1,6 @@
 // A HAL for the engine's tests: functions that echo, fail, block until released, throw.
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -23,7 +25,9 @@ void Record(const std::vector<char>* in) {
     g_lastInput.assign(in->begin(), in->end());
 }
 
-int ParseInt(const std::vector<char>* in) { return std::atoi(std::string(in->begin(), in->end()).c_str()); }
+int ParseInt(const std::vector<char>* in) {
+    return std::atoi(std::string(in->begin(), in->end()).c_str());
+}
 }  // namespace
 
 extern "C" {
@@ -94,6 +98,12 @@ int big_cmd(std::vector<char>* in, std::vector<char>* out) {
 int throw_cmd(std::vector<char>* in, std::vector<char>* /*out*/) {
     Record(in);
     throw std::runtime_error("broken device");
+}
+// As careless vendor code does before it starts a helper: closes descriptors it does not own.
+int close_fds_cmd(std::vector<char>* in, std::vector<char>* /*out*/) {
+    Record(in);
+    for (int fd = 3; fd <= 20; ++fd) close(fd);
+    return 0;
 }
 
 void* vorn_hal_malloc(int size) { return std::malloc(static_cast<size_t>(size)); }
