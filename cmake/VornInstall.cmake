@@ -30,8 +30,7 @@ install(DIRECTORY
     PATTERN "ConfigSchema.h" EXCLUDE
     PATTERN "FrontEndState.h" EXCLUDE
     PATTERN "ServiceManagerLock.h" EXCLUDE
-    PATTERN "RequestClock.h" EXCLUDE
-    PATTERN "ServiceLifetime.h" EXCLUDE
+    PATTERN "ServiceCore.h" EXCLUDE
     PATTERN "ServiceRequest.h" EXCLUDE)
 
 # The daemon, the client and the sample HAL; the HAL sits next to libvorn_core.so, where the

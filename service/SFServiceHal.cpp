@@ -5,14 +5,12 @@
 
 #include "platform/LogMessage.h"
 #include "service/SFService.h"
-#include "service/ServiceLifetime.h"
+#include "service/ServiceCore.h"
 
 namespace {
-thread_local int t_unwindingCallers = 0;  // UnwindingCaller objects alive on this thread
-thread_local bool t_serviceGone = false;  // a HAL call came back to a destroyed service
-
-// The caller of a HAL call that came back after its service was destroyed would go on with
-// the freed service (a host handler converts the result next): the thread stays here instead.
+// The caller of a HAL call that came back after its request was taken away would go on with a
+// service that may be freed (a host's handler converts the result next): the thread stays
+// here instead. Only a host's own inline HAL call gets here; the engine's callers unwind.
 [[noreturn]] void StayForGood() {
     LogMessage(3, "VORN", "ExcecuteFunc").stream()
         << "a HAL call came back after its service was destroyed; its thread stops here";
@@ -21,26 +19,15 @@ thread_local bool t_serviceGone = false;  // a HAL call came back to a destroyed
 }
 }  // namespace
 
-void SFService::DetachFromService() { ServiceLifetime::Detach(); }
-
-bool SFService::ReattachToService() {
-    if (ServiceLifetime::Reattach()) return true;
-    t_serviceGone = true;
-    return false;
+void SFService::BeginHalCall() {
+    if (ServiceCore::Ticket* t = ServiceCore::Ticket::Current()) t->Core().Away(*t);
 }
 
 void SFService::ReturnFromHal() {
-    if (ReattachToService() || t_unwindingCallers > 0) return;
+    ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
+    if (!t || t->Core().Back(*t) || t->CallerUnwinds()) return;
     StayForGood();
 }
-
-SFService::UnwindingCaller::UnwindingCaller() {
-    if (t_unwindingCallers++ == 0) t_serviceGone = false;
-}
-
-SFService::UnwindingCaller::~UnwindingCaller() { --t_unwindingCallers; }
-
-bool SFService::UnwindingCaller::ServiceGone() const { return t_serviceGone; }
 
 int SFService::Execute(std::string funcName, std::vector<char>* in, std::vector<char>* out) {
     if (!m_pDllParser->GetFunction(funcName)) return 1001;
