@@ -30,6 +30,7 @@ install(DIRECTORY
     PATTERN "ConfigSchema.h" EXCLUDE
     PATTERN "FrontEndState.h" EXCLUDE
     PATTERN "ServiceManagerLock.h" EXCLUDE
+    PATTERN "ReplyRoute.h" EXCLUDE
     PATTERN "ServiceCore.h" EXCLUDE
     PATTERN "ServiceRequest.h" EXCLUDE)
 

@@ -118,12 +118,30 @@ public:
         struct Return {
             ~Return() { ReturnFromHal(); }
         } comeBack;
-        BeginHalCall();
+        DetachFromService();
         return func(args...);
     }
-    // The two halves of ExcecuteFunc's bracket; outside a request of a service, both do nothing.
-    static void BeginHalCall();
+
+    // The request that the calling thread runs goes into a HAL call (or a wait that touches
+    // nothing of the service), and comes back: ReattachToService is false when the request
+    // was taken away meanwhile (timed out, or the service destroyed), and the caller must then
+    // leave without touching the service. Outside a request of a service, both do nothing.
+    static void DetachFromService();
+    static bool ReattachToService();
+    // ReattachToService for ExcecuteFunc: when the request was taken away and the caller is no
+    // UnwindingCaller, the thread stays in here for good.
     static void ReturnFromHal();
+    // Held around HAL calls by code that checks ServiceGone() after each of them and then
+    // leaves without touching the service: its calls always come back.
+    class UnwindingCaller {
+    public:
+        UnwindingCaller();
+        ~UnwindingCaller();
+        UnwindingCaller(const UnwindingCaller&) = delete;
+        UnwindingCaller& operator=(const UnwindingCaller&) = delete;
+        // True when a HAL call came back after its request was taken away.
+        bool ServiceGone() const;
+    };
 
     // Is the service being destroyed? Thread loops leave when it is.
     bool IsStopping() const;
@@ -137,8 +155,8 @@ public:
     ServiceThread* m_pMonitorThread;
     ServiceThread* m_pResponseThread;
     ServiceThread* m_pRequestThread;
-    struct timeval m_tvReqStart;     // wall-clock start of the current request, for the record
-    pthread_mutex_t m_mtxPipeWrite;  // guards writes to m_nMsgPipeW
+    struct timeval m_tvReqStart;         // wall-clock start of the current request, for the record
+    pthread_mutex_t m_mtxPipeWrite;      // guards writes to m_nMsgPipeW
     MessageQueue<SFMessage> m_reqQueue;  // stays empty: requests wait as tickets in the core
     MessageQueue<SFMessage> m_respQueue;
     // The monitor rebuilds the pipe while other threads read the numbers.

@@ -19,14 +19,33 @@ namespace {
 }
 }  // namespace
 
-void SFService::BeginHalCall() {
+void SFService::DetachFromService() {
     if (ServiceCore::Ticket* t = ServiceCore::Ticket::Current()) t->Core().Away(*t);
+}
+
+bool SFService::ReattachToService() {
+    ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
+    return !t || t->Core().Back(*t);
 }
 
 void SFService::ReturnFromHal() {
     ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
-    if (!t || t->Core().Back(*t) || t->CallerUnwinds()) return;
+    if (!t || t->Core().Back(*t) || t->CallerUnwinds() > 0) return;
     StayForGood();
+}
+
+// The ticket keeps the count: the caller is the thread that runs the request.
+SFService::UnwindingCaller::UnwindingCaller() {
+    if (ServiceCore::Ticket* t = ServiceCore::Ticket::Current()) t->SetCallerUnwinds(+1);
+}
+
+SFService::UnwindingCaller::~UnwindingCaller() {
+    if (ServiceCore::Ticket* t = ServiceCore::Ticket::Current()) t->SetCallerUnwinds(-1);
+}
+
+bool SFService::UnwindingCaller::ServiceGone() const {
+    ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
+    return t && t->Left();
 }
 
 int SFService::Execute(std::string funcName, std::vector<char>* in, std::vector<char>* out) {

@@ -9,9 +9,9 @@
 #include <string>
 
 #include "io/Formatter.h"
+#include "io/ReplyRoute.h"
 #include "io/SFCommandParser.h"
 #include "platform/LogMessage.h"
-#include "io/ReplyRoute.h"
 #include "routing/SFServiceManager.h"
 #include "service/SFService.h"
 #include "service/ServiceCore.h"

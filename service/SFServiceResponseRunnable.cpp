@@ -15,7 +15,8 @@ void SFServiceResponseRunnable::Run() {
     const std::shared_ptr<ServiceCore> core = m_core;
     LogMessage(1, "VORN", "Run").stream()
         << "<" << (service ? service->GetServiceName() : "") << "> response thread boot";
-    if (!service) LogMessage(4, "VORN", "Run").stream() << "Service was destroyed in response runnable!";
+    if (!service)
+        LogMessage(4, "VORN", "Run").stream() << "Service was destroyed in response runnable!";
     while (service && core && !core->Stopping()) service->HandleResponse();
     if (core) core->ThreadEnded();  // the last touch: the service may go right after it
 }

@@ -13,7 +13,9 @@ namespace {
 // keeps it set: the request thread finishes that request first, and the flag is cleared then.
 class TimeoutHandlingFlag {
 public:
-    explicit TimeoutHandlingFlag(ServiceCore& core) : m_core(core) { m_core.SetTimeoutHandling(true); }
+    explicit TimeoutHandlingFlag(ServiceCore& core) : m_core(core) {
+        m_core.SetTimeoutHandling(true);
+    }
     ~TimeoutHandlingFlag() {
         if (!m_bKeep) m_core.SetTimeoutHandling(false);
     }

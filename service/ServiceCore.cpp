@@ -310,8 +310,8 @@ void ServiceCore::Leave(Ticket& t) {
     }
     if (t.GetState() == Ticket::TIMED_OUT && --m_nLeftBehind < kMaxLeftBehind && m_nRefused > 0) {
         LogMessage(3, "VORN", "HandleRequest").stream()
-            << m_strName << " serves HAL-backed commands again; " << m_nRefused
-            << " refused while " << kMaxLeftBehind << " threads were held by HAL calls";
+            << m_strName << " serves HAL-backed commands again; " << m_nRefused << " refused while "
+            << kMaxLeftBehind << " threads were held by HAL calls";
         m_nRefused = 0;
     }
 }

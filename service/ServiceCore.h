@@ -57,8 +57,8 @@ public:
         static Ticket* Current();
         // Its own thread: the code around the HAL call leaves by itself when the request was
         // taken away (it checks Left() after the call), so the thread need not be parked.
-        void SetCallerUnwinds(bool on) { m_bCallerUnwinds = on; }
-        bool CallerUnwinds() const { return m_bCallerUnwinds; }
+        void SetCallerUnwinds(int delta) { m_nCallerUnwinds += delta; }
+        int CallerUnwinds() const { return m_nCallerUnwinds; }
         // Its own thread: true once it learnt that the request is no longer its own.
         bool Left() const { return m_bLeft; }
         ServiceCore& Core() const { return *m_core; }
@@ -71,14 +71,14 @@ public:
         // Written under the core's lock; read bare by the ticket's own thread.
         std::atomic<int> m_state{QUEUED};
         // The rest is guarded by the core's lock.
-        bool m_bInside = false;      // its thread runs engine or handler code (counted busy)
-        bool m_bJudging = false;     // a timeout is being decided: its thread waits to go on
-        bool m_bHandled = false;     // the service took its timeout on itself
-        bool m_bLeft = false;        // written by its own thread: it was taken away, and left
+        bool m_bInside = false;   // its thread runs engine or handler code (counted busy)
+        bool m_bJudging = false;  // a timeout is being decided: its thread waits to go on
+        bool m_bHandled = false;  // the service took its timeout on itself
+        bool m_bLeft = false;     // written by its own thread: it was taken away, and left
         bool m_bHasDeadline = false;
-        timespec m_deadline{0, 0};   // CLOCK_MONOTONIC
-        int m_nHalDepth = 0;         // its own thread only
-        bool m_bCallerUnwinds = false;  // its own thread only
+        timespec m_deadline{0, 0};  // CLOCK_MONOTONIC
+        int m_nHalDepth = 0;        // its own thread only
+        int m_nCallerUnwinds = 0;   // its own thread only
         std::function<void()> m_cancel;
     };
 
@@ -162,12 +162,12 @@ private:
 
     SFService* const m_service;  // used only by threads counted busy
     const std::string m_strName;
-    const int m_nTimerFd;        // CLOCK_MONOTONIC, armed for the current request
+    const int m_nTimerFd;  // CLOCK_MONOTONIC, armed for the current request
     std::shared_ptr<ServiceCore> m_owner;
 
-    std::mutex m_lock;  // guards everything below, and the tickets' fields
-    std::condition_variable m_work;     // the request thread: a request queued, or stop
-    std::condition_variable m_changed;  // any other state change anyone waits for
+    std::mutex m_lock;                     // guards everything below, and the tickets' fields
+    std::condition_variable m_work;        // the request thread: a request queued, or stop
+    std::condition_variable m_changed;     // any other state change anyone waits for
     std::atomic<bool> m_bStopping{false};  // written under m_lock
     bool m_bConstructed = false;
     int m_nBusy = 0;
