@@ -462,3 +462,13 @@ ClientRef ServiceCore::CurrentSender() {
     std::lock_guard<std::mutex> lock(m_lock);
     return m_current ? m_current->m_sender : ClientRef{};
 }
+
+std::shared_ptr<ServiceCore::Ticket> ServiceCore::RunningTicket() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_current;
+}
+
+int ServiceCore::LeftBehind() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_nLeftBehind;
+}

@@ -155,6 +155,10 @@ public:
     // The sender of the current request (for replies queued through the public EnQueue).
     ClientRef CurrentSender();
 
+    // For a look from outside (tests, diagnostics).
+    std::shared_ptr<Ticket> RunningTicket();
+    int LeftBehind();
+
 private:
     ServiceCore(SFService* service, const std::string& name);
     void Leave(Ticket& t);  // with the lock held

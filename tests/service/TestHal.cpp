@@ -7,6 +7,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -23,7 +24,9 @@ void Record(const std::vector<char>* in) {
     g_lastInput.assign(in->begin(), in->end());
 }
 
-int ParseInt(const std::vector<char>* in) { return std::atoi(std::string(in->begin(), in->end()).c_str()); }
+int ParseInt(const std::vector<char>* in) {
+    return std::atoi(std::string(in->begin(), in->end()).c_str());
+}
 }  // namespace
 
 extern "C" {
@@ -89,6 +92,13 @@ int block_cmd(std::vector<char>* in, std::vector<char>* out) {
 int big_cmd(std::vector<char>* in, std::vector<char>* out) {
     Record(in);
     out->assign(static_cast<size_t>(ParseInt(in)), 'B');
+    return 0;
+}
+// Sleeps for as many milliseconds as the input's leading number, then echoes the input.
+int sleep_cmd(std::vector<char>* in, std::vector<char>* out) {
+    Record(in);
+    std::this_thread::sleep_for(std::chrono::milliseconds(ParseInt(in)));
+    out->assign(in->begin(), in->end());
     return 0;
 }
 int throw_cmd(std::vector<char>* in, std::vector<char>* /*out*/) {

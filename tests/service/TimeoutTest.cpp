@@ -1,8 +1,11 @@
 // Request time-outs: one answer per request, the service goes on, left-behind threads end.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <random>
 #include <thread>
+#include <vector>
 
 #include "EngineHarness.h"
 
@@ -130,45 +133,138 @@ TEST(RequestTimeout, NegativeAndZeroTimeoutsFollowTheTimerRules) {
     EXPECT_EQ(1, h.log.Count("MISC_SERVICE: Invalid timeout value detected : Reset timer"));
 }
 
-// The monitor is not woken for every request: while it times one limit, a request that ends
-// sooner must still wake it, and one that ends later must not be cut short by the old limit.
-TEST(RequestTimeout, EachRequestIsTimedFromItsOwnStartWhateverTheMonitorWaitsFor) {
-    EngineHarness h(R"({ "misc": { "libpath": ")" + TestHal::Path() +
-                    R"(", "default_timeout": 1, "whitelist": [
-                        { "command": "JXT+LONG", "func": "block_cmd", "timeout": 600 },
-                        { "command": "JXT+HANG", "func": "block_cmd" } ] } })");
+// Every reply comes at its request's start plus the smaller of its HAL time and its own
+// timeout, whatever ran before it: the timer of one request must never be inherited, stretched
+// or restarted by another's.
+class ReplyTiming : public ::testing::Test {
+protected:
+    using Clock = std::chrono::steady_clock;
     using Ms = std::chrono::milliseconds;
-    Reply r;
-    // Holds a request in the HAL long enough for the monitor to time it, then lets it end.
-    auto holdThenRelease = [&](const char* command) {
-        if (!h.client.Send(command) || !Await([] { return TestHal::Blocked() == 1; })) return false;
-        std::this_thread::sleep_for(Ms(400));  // the subject of the test: the time it runs
-        TestHal::Release();
-        const bool answered = h.client.ReadReply(r) && r.result == 0;
-        TestHal::Reset();
-        return answered;
+
+    ReplyTiming()
+        : h(R"({ "misc": { "libpath": ")" + TestHal::Path() + R"(", "whitelist": [
+                { "command": "JXT+NAP1", "func": "sleep_cmd", "timeout": 1 },
+                { "command": "JXT+NAP2", "func": "sleep_cmd", "timeout": 2 },
+                { "command": "JXT+HANG", "func": "block_cmd", "timeout": 1 } ] },
+              "sensor": { "libpath": ")" +
+            TestHal::Path() + R"(", "whitelist": [
+                { "command": "JXT+SNAP1", "func": "sleep_cmd", "timeout": 1 },
+                { "command": "JXT+SNAP2", "func": "sleep_cmd", "timeout": 2 } ] } })") {
+        h.AwaitAllServicesUp();
+        m_taken = h.log.Count("End>>>>>>>>>>>>>>>>>>");
+    }
+
+    struct Request {
+        int service;   // 0 misc, 1 sensor
+        int napMs;     // what the HAL takes
+        int timeoutS;  // 1 or 2
+        std::string command;
+        Clock::time_point sent, arrived;
+        int result = -1;
     };
-    auto timedOutAfterMs = [&]() -> long {
-        const auto t0 = std::chrono::steady_clock::now();
-        if (!h.client.Send("JXT+HANG") || !h.client.ReadReply(r, Ms(4000)) || r.result != 1002)
-            return -1;
-        const auto ms = std::chrono::duration_cast<Ms>(std::chrono::steady_clock::now() - t0);
-        TestHal::Release();
-        const bool released = Await([] { return TestHal::Blocked() == 0; });
-        TestHal::Reset();
-        return released ? static_cast<long>(ms.count()) : -1;
-    };
-    // The monitor still waits out the 600 seconds of the request before.
-    ASSERT_TRUE(holdThenRelease("JXT+LONG"));
-    long ms = timedOutAfterMs();
-    EXPECT_GE(ms, 950);
-    EXPECT_LE(ms, 3000);
-    // The limit of the request before runs out while this one runs.
-    ASSERT_TRUE(holdThenRelease("JXT+HANG"));
-    ms = timedOutAfterMs();
-    EXPECT_GE(ms, 950);
-    EXPECT_LE(ms, 3000);
+
+    // No framing on the socket: each command is taken in before the next is sent.
+    bool Send(Request& r) {
+        r.sent = Clock::now();
+        if (!h.client.Send(r.command)) return false;
+        ++m_taken;
+        return Await([&] { return h.log.Count("End>>>>>>>>>>>>>>>>>>") >= m_taken; });
+    }
+
+    // Reads replies until every request has one, stamping each on arrival.
+    bool Collect(std::vector<Request>& requests) {
+        for (size_t n = 0; n < requests.size(); ++n) {
+            Reply reply;
+            if (!h.client.ReadReply(reply, Ms(6000))) return false;
+            const auto now = Clock::now();
+            bool matched = false;
+            for (Request& r : requests)
+                if (r.command == reply.request && r.result == -1) {
+                    r.arrived = now;
+                    r.result = reply.result;
+                    matched = true;
+                    break;
+                }
+            if (!matched) return false;
+        }
+        return true;
+    }
+
+    EngineHarness h;
+    int m_taken = 0;
+};
+
+TEST_F(ReplyTiming, RandomSequencesOnTwoServicesAreAnsweredAtStartPlusTheirOwnLimit) {
+    std::mt19937 random(18);
+    const int naps[] = {60, 400, 1250, 2300};
+    std::vector<Request> requests;
+    for (int service = 0; service < 2; ++service) {
+        // Four requests per service, kept within 3.5 s of work so the test stays short.
+        std::vector<Request> sequence;
+        int total;
+        do {
+            sequence.clear();
+            total = 0;
+            for (int i = 0; i < 4; ++i) {
+                Request r;
+                r.service = service;
+                r.napMs = naps[random() % 4];
+                r.timeoutS = 1 + static_cast<int>(random() % 2);
+                total += std::min(r.napMs, r.timeoutS * 1000);
+                sequence.push_back(r);
+            }
+        } while (total > 3500);
+        for (size_t i = 0; i < sequence.size(); ++i) {
+            Request& r = sequence[i];
+            r.command = std::string(service == 0 ? "JXT+NAP" : "JXT+SNAP") +
+                        std::to_string(r.timeoutS) + "=" + std::to_string(r.napMs) + "x" +
+                        std::to_string(i);
+            requests.push_back(r);
+        }
+    }
+    // Interleaved: the two services' requests go out one after the other, at once.
+    std::vector<Request*> order;
+    for (size_t i = 0; i < 4; ++i)
+        for (int service = 0; service < 2; ++service) order.push_back(&requests[service * 4 + i]);
+    for (Request* r : order) ASSERT_TRUE(Send(*r)) << r->command;
+    ASSERT_TRUE(Collect(requests));
+
+    for (int service = 0; service < 2; ++service) {
+        Clock::time_point previousEnd{};
+        for (int i = 0; i < 4; ++i) {
+            const Request& r = requests[service * 4 + i];
+            SCOPED_TRACE(r.command);
+            const bool timesOut = r.napMs > r.timeoutS * 1000;
+            EXPECT_EQ(timesOut ? 1002 : 0, r.result);
+            // A request starts when it is sent or when the one before it has been answered.
+            const auto start = std::max(r.sent, previousEnd);
+            const long took =
+                static_cast<long>(std::chrono::duration_cast<Ms>(r.arrived - start).count());
+            const long expected = std::min(r.napMs, r.timeoutS * 1000);
+            // Loose enough for a loaded 2-core machine; a timer carried over from another
+            // request is off by a whole period.
+            EXPECT_GE(took, expected - 50);
+            EXPECT_LE(took, expected + 400);
+            previousEnd = r.arrived;
+        }
+    }
     EXPECT_FALSE(h.log.Has("MISC_SERVICE: Invalid timeout value detected : Reset timer"));
+}
+
+TEST_F(ReplyTiming, QuickRequestThenOneThatHangsTimesOutAfterItsOwnTimeout) {
+    // The quick one's limit (2 s) ends after the hanging one's (1 s, from a little later).
+    Request quick{0, 50, 2, "JXT+NAP2=50", {}, {}};
+    Request hang{0, 0, 1, "JXT+HANG", {}, {}};
+    ASSERT_TRUE(Send(quick));
+    ASSERT_TRUE(Send(hang));
+    std::vector<Request> both{quick, hang};
+    ASSERT_TRUE(Collect(both));
+    EXPECT_EQ(0, both[0].result);
+    EXPECT_EQ(1002, both[1].result);
+    const long ms = static_cast<long>(
+        std::chrono::duration_cast<Ms>(both[1].arrived - both[0].arrived).count());
+    EXPECT_GE(ms, 950);
+    EXPECT_LE(ms, 1400);
 }
 
 TEST(RequestTimeout, ShutdownWhileACallHangsNeitherBlocksNorCrashes) {
