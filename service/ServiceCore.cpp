@@ -113,13 +113,16 @@ void ServiceCore::Pause(int ms) {
 
 void ServiceCore::Submit(SFMessage* msg, ClientRef sender) {
     auto ticket = std::make_shared<Ticket>(msg, sender, this);
-    std::lock_guard<std::mutex> lock(m_lock);
-    // A service given a request is complete: the monitor may start its threads.
-    if (!m_bConstructed) {
-        m_bConstructed = true;
-        m_changed.notify_all();
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        // A service given a request is complete: the monitor may start its threads.
+        if (!m_bConstructed) {
+            m_bConstructed = true;
+            m_changed.notify_all();
+        }
+        m_queue.push_back(std::move(ticket));
     }
-    m_queue.push_back(std::move(ticket));
+    // After the lock: the woken thread does not run into it still held.
     m_work.notify_one();
 }
 
