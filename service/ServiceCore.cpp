@@ -121,6 +121,7 @@ void ServiceCore::Submit(SFMessage* msg, ClientRef sender) {
             m_changed.notify_all();
         }
         m_queue.push_back(std::move(ticket));
+        m_nQueued.store(m_queue.size(), std::memory_order_release);
     }
     // After the lock: the woken thread does not run into it still held.
     m_work.notify_one();
@@ -133,6 +134,7 @@ SFMessage* ServiceCore::TakeQueuedMessage() {
         if (m_queue.empty()) return nullptr;
         t = std::move(m_queue.front());
         m_queue.pop_front();
+        m_nQueued.store(m_queue.size(), std::memory_order_release);
     }
     // The caller owns the message now; the ticket, never run, goes without it.
     SFMessage* msg = t->m_pMsg;
@@ -145,6 +147,7 @@ void ServiceCore::ClearQueued() {
     {
         std::lock_guard<std::mutex> lock(m_lock);
         queued.swap(m_queue);
+        m_nQueued.store(0, std::memory_order_release);
     }
 }
 
@@ -176,11 +179,13 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
         const auto start = std::chrono::steady_clock::now();
         const auto until = start + std::chrono::microseconds(micros);
         if (micros > 0 && t_worthIt) {
+            // Looks without the lock, so that the intake never finds it taken by the look.
+            lock.unlock();
             do {
-                lock.unlock();
                 sched_yield();
-                lock.lock();
-            } while (m_queue.empty() && !retired() && std::chrono::steady_clock::now() < until);
+            } while (m_nQueued.load(std::memory_order_acquire) == 0 && !Stopping() &&
+                     std::chrono::steady_clock::now() < until);
+            lock.lock();
             t_worthIt = !m_queue.empty() || retired();
         }
         if (m_queue.empty() && !retired()) {
@@ -193,6 +198,7 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
     if (retired()) return nullptr;
     std::shared_ptr<Ticket> t = std::move(m_queue.front());
     m_queue.pop_front();
+    m_nQueued.store(m_queue.size(), std::memory_order_release);
     SFMessage* msg = t->m_pMsg;
     t->m_state = Ticket::RUNNING;
     t->m_bInside = true;  // carries this thread's count from here

@@ -179,6 +179,7 @@ private:
     long m_nRefused = 0;  // HAL-backed commands refused in the current burst
     uint64_t m_nGeneration = 0;
     std::deque<std::shared_ptr<Ticket>> m_queue;
+    std::atomic<size_t> m_nQueued{0};  // m_queue's size, for the look-ahead without the lock
     std::shared_ptr<Ticket> m_current;
     // Replies: queued in the service's response queue, with their senders in the same order.
     std::deque<ClientRef> m_senders;
