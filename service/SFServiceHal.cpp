@@ -23,14 +23,20 @@ void SFService::DetachFromService() {
     if (ServiceCore::Ticket* t = ServiceCore::Ticket::Current()) t->Core().Away(*t);
 }
 
+// False only when the service is being destroyed: after a timeout the service is still there,
+// and the caller goes on in it (its reply is dropped when its handler ends).
 bool SFService::ReattachToService() {
     ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
-    return !t || t->Core().Back(*t);
+    return !t || t->Core().Back(*t, true);
 }
 
 void SFService::ReturnFromHal() {
     ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
-    if (!t || t->Core().Back(*t) || t->CallerUnwinds() > 0) return;
+    if (!t) return;
+    // The engine's own callers leave by themselves once the request is taken away; a host's
+    // handler goes on while the service exists, and cannot be let back once it is gone.
+    const bool unwinds = t->CallerUnwinds() > 0;
+    if (t->Core().Back(*t, !unwinds) || unwinds) return;
     StayForGood();
 }
 

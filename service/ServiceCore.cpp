@@ -248,19 +248,22 @@ void ServiceCore::Away(Ticket& t) {
     if (--m_nBusy == 0) m_changed.notify_all();
 }
 
-bool ServiceCore::Back(Ticket& t) {
+bool ServiceCore::Back(Ticket& t, bool mayStayInside) {
     if (--t.m_nHalDepth > 0) return true;  // the outermost call decides
     std::unique_lock<std::mutex> lock(m_lock);
     m_changed.wait(lock, [&] { return !t.m_bJudging; });
     if (t.m_bLeft) return false;
-    if (t.GetState() == Ticket::TIMED_OUT || Stopping()) {
+    const bool timedOut = t.GetState() == Ticket::TIMED_OUT;
+    if (Stopping() || (timedOut && !mayStayInside)) {
         Leave(t);
         return false;
     }
-    if (t.GetState() == Ticket::IN_HAL) t.m_state = Ticket::RUNNING;
+    // Still its request; or a timed-out one whose caller (a host's handler) goes on in the
+    // service, which is still there and now waits for it again, until the handler ends.
+    if (!timedOut) t.m_state = Ticket::RUNNING;
     t.m_bInside = true;
     ++m_nBusy;
-    return true;
+    return !timedOut || mayStayInside;
 }
 
 void ServiceCore::AwaitTakenAway(Ticket* t) {

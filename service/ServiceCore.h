@@ -121,9 +121,10 @@ public:
     std::shared_ptr<Ticket> Take(uint64_t generation);
     // Around a HAL call, or a wait that touches nothing of the service. Back is false when the
     // request was taken away meanwhile (timed out, or the service stopped): the thread must
-    // leave without touching the service.
+    // leave without touching the service. With mayStayInside, a timed-out request's thread
+    // may go back into a service that still exists (true; its reply is dropped at Finish).
     void Away(Ticket& t);
-    bool Back(Ticket& t);
+    bool Back(Ticket& t, bool mayStayInside = false);
     // Waits until the request is taken away or the service stops (the "JXT+TIMEOUT" handler).
     void AwaitTakenAway(Ticket* t);
     // The end of the handler: true when the request is still this thread's, which then

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <vector>
 
 #include "EngineHarness.h"
 #include "service/ServiceCore.h"
@@ -89,6 +90,34 @@ TEST_F(ServiceCoreTest, ServiceDestroyedWithARequestInFlightLeavesItsThreadOnlyT
     // Its thread let go of the ticket (and of the core) on its way out.
     EXPECT_TRUE(Await([&] { return t.use_count() == 1; }));
     EXPECT_EQ(0, log.Count(kNoManager));
+}
+
+// A host's handler that calls its HAL function and converts the answer itself.
+class ConvertsItself : public MiscService {
+public:
+    explicit ConvertsItself(ContextWrapper* context) : MiscService(context) {}
+    SFRespData* DoRequest(SFMessage* msg, void*) override {
+        std::vector<char> in, out;
+        const int rc = Execute(msg->GetSoFuncName(), &in, &out);
+        return ConvertPCBAResponse(msg, rc, out.data(), static_cast<int>(out.size()));
+    }
+};
+
+TEST_F(ServiceCoreTest, HostHandlerWhoseHalCallReturnsAfterItsTimeoutFinishesAndItsThreadEnds) {
+    BareMisc<ConvertsItself> misc(1);
+    misc.Ask("JXT");
+    ASSERT_TRUE(Await([&] { return log.Count(kNoManager) == 1; }));
+    const int baseline = ThreadCount();
+    misc.Ask("JXT+HANG");
+    ASSERT_TRUE(log.AwaitLine("MISC_SERVICErestart end", "ResetRequestService"));
+    // The service still exists: the call returns into the host's handler, whose late answer
+    // is dropped, and its thread ends instead of staying parked.
+    TestHal::Release();
+    ASSERT_TRUE(Await([&] { return misc.Core()->LeftBehind() == 0; }));
+    EXPECT_TRUE(Await([&] { return ThreadCount() <= baseline; }));
+    EXPECT_EQ(2, log.Count(kNoManager));  // "JXT" and the 1002
+    EXPECT_FALSE(
+        log.Has("a HAL call came back after its service was destroyed; its thread stops here"));
 }
 
 std::atomic<int> g_hookCalls{0};
