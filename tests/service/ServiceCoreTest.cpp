@@ -107,6 +107,7 @@ TEST_F(ServiceCoreTest, HostHandlerWhoseHalCallReturnsAfterItsTimeoutFinishesAnd
     BareMisc<ConvertsItself> misc(1);
     misc.Ask("JXT");
     ASSERT_TRUE(Await([&] { return log.Count(kNoManager) == 1; }));
+    ASSERT_TRUE(log.AwaitLine("<MISC_SERVICE> response thread boot", "Run"));
     const int baseline = ThreadCount();
     misc.Ask("JXT+HANG");
     ASSERT_TRUE(log.AwaitLine("MISC_SERVICErestart end", "ResetRequestService"));
