@@ -123,11 +123,13 @@ int SFService::ClearMessageQueue() {
 
 namespace {
 int StartHolder(ServiceThread*& field, SFService* service, int kind) {
+    std::lock_guard<std::mutex> lock(service->Core()->HoldersLock());
     field = new ServiceThread{nullptr, nullptr, service, kind};
     return field->Start();
 }
 
-void DestroyHolder(ServiceThread*& field) {
+void DestroyHolder(ServiceThread*& field, ServiceCore* core) {
+    std::lock_guard<std::mutex> lock(core->HoldersLock());
     if (!field) return;
     // Deleting the Thread neither waits for nor stops its thread: the core says when a thread
     // no longer touches anything, and a runnable's Run keeps what it needs in locals.
@@ -143,9 +145,9 @@ int SFService::CreateRequestThread() { return StartHolder(m_pRequestThread, this
 int SFService::CreateResponseThread() {
     return StartHolder(m_pResponseThread, this, RESPONSE_THREAD);
 }
-void SFService::DestroyMonitorThread() { DestroyHolder(m_pMonitorThread); }
-void SFService::DestroyRequestThread() { DestroyHolder(m_pRequestThread); }
-void SFService::DestroyResponseThread() { DestroyHolder(m_pResponseThread); }
+void SFService::DestroyMonitorThread() { DestroyHolder(m_pMonitorThread, m_pCore); }
+void SFService::DestroyRequestThread() { DestroyHolder(m_pRequestThread, m_pCore); }
+void SFService::DestroyResponseThread() { DestroyHolder(m_pResponseThread, m_pCore); }
 
 const char* SFService::GetServiceName() { return m_strServiceName.c_str(); }
 

@@ -97,6 +97,11 @@ public:
     // loop (the monitor and the response thread), or gets a ticket it leaves with.
     void ThreadStarting();
     void ThreadEnded();
+    // Held while a thread holder of the service is created or destroyed: the monitor starts
+    // the worker threads while a timeout (on the monitor, or called by a host on its own
+    // thread) may replace the request thread. Apart from m_lock because it is held across
+    // pthread_create; nothing else is locked while it is held.
+    std::mutex& HoldersLock() { return m_holdersLock; }
     // The monitor starts the worker threads once the service's object is complete.
     void MarkConstructed();
     bool AwaitConstructed();  // false when the service stops first
@@ -170,6 +175,7 @@ private:
     const int m_nTimerFd;  // CLOCK_MONOTONIC, armed for the current request
     std::shared_ptr<ServiceCore> m_owner;
 
+    std::mutex m_holdersLock;              // see HoldersLock
     std::mutex m_lock;                     // guards everything below, and the tickets' fields
     std::condition_variable m_work;        // the request thread: a request queued, or stop
     std::condition_variable m_changed;     // any other state change anyone waits for
