@@ -222,9 +222,9 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
     t_ticket = t.get();
     if (t->m_bHasDeadline && m_nTimerFd >= 0) {
         // Arming wakes nobody: the monitor wakes when the deadline passes.
-        itimerspec spec{};
-        spec.it_value = t->m_deadline;
-        timerfd_settime(m_nTimerFd, TFD_TIMER_ABSTIME, &spec, nullptr);
+        itimerspec when{};
+        when.it_value = t->m_deadline;
+        timerfd_settime(m_nTimerFd, TFD_TIMER_ABSTIME, &when, nullptr);
     }
     if (seconds == 0) {
         // The text says 60 seconds and the value is 15: both are what devices have always seen.
