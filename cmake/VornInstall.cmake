@@ -31,8 +31,8 @@ install(DIRECTORY
     PATTERN "FrontEndState.h" EXCLUDE
     PATTERN "ReplyRoute.h" EXCLUDE
     PATTERN "ServiceManagerLock.h" EXCLUDE
-    PATTERN "RequestClock.h" EXCLUDE
-    PATTERN "ServiceLifetime.h" EXCLUDE
+    PATTERN "ReplyRoute.h" EXCLUDE
+    PATTERN "ServiceCore.h" EXCLUDE
     PATTERN "ServiceRequest.h" EXCLUDE)
 
 # The daemon, the client and the sample HAL; the HAL sits next to libvorn_core.so, where the

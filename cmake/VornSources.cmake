@@ -21,7 +21,7 @@ set(VORN_CORE_SOURCES
     config/ConfigChecker.cpp
     routing/ContextWrapper.cpp
     routing/SFServiceManager.cpp
-    service/ServiceLifetime.cpp
+    service/ServiceCore.cpp
     service/ServiceThread.cpp
     service/SFService.cpp
     service/SFServiceQueue.cpp

@@ -9,7 +9,7 @@
 #include "routing/ContextWrapper.h"
 #include "routing/ServiceManagerLock.h"
 #include "service/SFService.h"
-#include "service/ServiceLifetime.h"
+#include "service/ServiceCore.h"
 
 SFServiceManager* g_pServiceMgr = nullptr;
 
@@ -55,8 +55,7 @@ void SFServiceManager::AddService(int serviceId, SFService* service) {
     // A second service under a known id is neither stored nor deleted.
     m_services.emplace(serviceId, service);
     // Whoever registers a service has finished building it: its threads may start.
-    if (service)
-        if (auto lifetime = ServiceLifetime::Find(service)) lifetime->MarkConstructed();
+    if (service && service->Core()) service->Core()->MarkConstructed();
 }
 
 SFService* SFServiceManager::GetService(int serviceId) {

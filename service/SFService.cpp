@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "platform/LogMessage.h"
-#include "service/ServiceLifetime.h"
+#include "service/ServiceCore.h"
 
 namespace {
 // Rows of services already destroyed: the vendor-command table keeps pointing at their command
@@ -17,6 +17,9 @@ namespace {
 std::mutex g_retiredRowsLock;  // guards g_retiredRows
 std::list<cmd_entry*>* const g_retiredRows = new std::list<cmd_entry*>();
 }  // namespace
+
+// Hosts are built against this layout (64-bit builds): the core's handle must not change it.
+static_assert(sizeof(void*) != 8 || sizeof(SFService) == 576, "SFService changed size");
 
 SFService::SFService(ContextWrapper* context, int serviceId)
     : m_pMonitorThread(nullptr),
@@ -34,10 +37,9 @@ SFService::SFService(ContextWrapper* context, int serviceId)
       m_pVendorCmdBuf(nullptr),
       m_bTimeoutHandling(false),
       m_pDllParser(nullptr),
-      m_bStopping(false),
-      m_nCurReqTimeout(0) {
-    // Before the monitor thread exists: it looks the extras up as it boots.
-    ServiceLifetime::Create(this);
+      m_pCore(nullptr) {
+    // Before the monitor thread exists: each thread is handed the core as it is created.
+    m_pCore = ServiceCore::Create(this, m_strServiceName).get();
     m_pDllParser = new DllParser();
     m_pDllParser->SetTag("VORN");
     pthread_mutex_init(&m_mtxPipeWrite, nullptr);
@@ -114,21 +116,23 @@ int SFService::InitMessageQueue() {
 int SFService::ClearMessageQueue() {
     m_reqQueue.SetActive(false);
     m_reqQueue.clear();
-    m_respQueue.SetActive(false);
-    m_respQueue.clear();
+    m_pCore->ClearQueued();
+    m_pCore->ClearQueuedReplies();
     return 0;
 }
 
 namespace {
 int StartHolder(ServiceThread*& field, SFService* service, int kind) {
+    std::lock_guard<std::mutex> lock(service->Core()->HoldersLock());
     field = new ServiceThread{nullptr, nullptr, service, kind};
     return field->Start();
 }
 
-void DestroyHolder(ServiceThread*& field) {
+void DestroyHolder(ServiceThread*& field, ServiceCore* core) {
+    std::lock_guard<std::mutex> lock(core->HoldersLock());
     if (!field) return;
-    // Deleting the Thread never blocks: a thread still inside a handler is only marked, and
-    // it leaves without touching the runnable deleted next.
+    // Deleting the Thread neither waits for nor stops its thread: the core says when a thread
+    // no longer touches anything, and a runnable's Run keeps what it needs in locals.
     delete field->thread;
     delete field->runnable;
     delete field;
@@ -141,19 +145,18 @@ int SFService::CreateRequestThread() { return StartHolder(m_pRequestThread, this
 int SFService::CreateResponseThread() {
     return StartHolder(m_pResponseThread, this, RESPONSE_THREAD);
 }
-void SFService::DestroyMonitorThread() { DestroyHolder(m_pMonitorThread); }
-void SFService::DestroyRequestThread() { DestroyHolder(m_pRequestThread); }
-void SFService::DestroyResponseThread() { DestroyHolder(m_pResponseThread); }
+void SFService::DestroyMonitorThread() { DestroyHolder(m_pMonitorThread, m_pCore); }
+void SFService::DestroyRequestThread() { DestroyHolder(m_pRequestThread, m_pCore); }
+void SFService::DestroyResponseThread() { DestroyHolder(m_pResponseThread, m_pCore); }
 
 const char* SFService::GetServiceName() { return m_strServiceName.c_str(); }
 
+bool SFService::IsStopping() const { return m_pCore->Stopping(); }
+
 void SFService::StopServiceThreads() {
-    if (m_bStopping.exchange(true)) return;
-    const std::shared_ptr<ServiceLifetime> lifetime = ServiceLifetime::Find(this);
-    // Wake every wait of the three loops: the queues' conditions and the monitor's select (or
-    // its wait for the object to be complete, or its pause).
-    if (lifetime) lifetime->Stop();
-    m_reqQueue.SetActive(false);
+    // Wakes every wait of the three loops: the core's conditions, the response queue's, and
+    // the monitor's poll through one byte in the pipe.
+    m_pCore->Stop();
     m_respQueue.SetActive(false);
     pthread_mutex_lock(&m_mtxPipeWrite);
     const int w = m_nMsgPipeW;
@@ -163,15 +166,10 @@ void SFService::StopServiceThreads() {
         }
     }
     pthread_mutex_unlock(&m_mtxPipeWrite);
-    // The monitor first: it creates the other two at boot and replaces the request thread on
-    // a timeout, so their holders are read only once it has stopped.
-    if (m_pMonitorThread && m_pMonitorThread->thread) m_pMonitorThread->thread->Quiesce();
-    if (m_pRequestThread && m_pRequestThread->thread) m_pRequestThread->thread->Quiesce();
-    if (m_pResponseThread && m_pResponseThread->thread) m_pResponseThread->thread->Quiesce();
-    // A handler's thread, even one that a timeout left behind, may still be in the engine's
-    // code around its HAL call (checking the device command, converting the result): that
-    // must be over before anything is freed. A thread inside a HAL call is not waited for.
-    if (lifetime) lifetime->Close();
+    // Until every thread has left its loop, or sits in a HAL call (or a wait) that will never
+    // touch the service again: the engine's code around a HAL call (checking the device
+    // command, converting the result) must be over before anything is freed.
+    m_pCore->AwaitQuiet();
 }
 
 SFService::~SFService() {
@@ -185,13 +183,8 @@ SFService::~SFService() {
         LogMessage(3, "VORN", "~SFService").stream() << "Stop error: m_nMsgPipeW is -1";
         close(m_nMsgPipeW.exchange(-1));
     }
-    // The current request goes with the thread that may still be using it.
-    if (SFMessage* cur = m_pCurReqMsg.exchange(nullptr)) {
-        if (m_pRequestThread && m_pRequestThread->thread)
-            m_pRequestThread->thread->DeferToReturn([cur] { delete cur; });
-        else
-            delete cur;
-    }
+    // The current request belongs to its ticket, which goes with the last thread holding it.
+    m_pCurReqMsg = nullptr;
     delete m_pResponse;
     m_pResponse = nullptr;
     delete[] m_pVendorCmdBuf;
@@ -204,7 +197,10 @@ SFService::~SFService() {
     delete m_pDllParser;
     m_pDllParser = nullptr;
     // The rows stay: the vendor-command table keeps pointing at their command texts.
-    ServiceLifetime::Erase(this);
-    std::lock_guard<std::mutex> lock(g_retiredRowsLock);
-    g_retiredRows->splice(g_retiredRows->end(), m_cmdList);
+    {
+        std::lock_guard<std::mutex> lock(g_retiredRowsLock);
+        g_retiredRows->splice(g_retiredRows->end(), m_cmdList);
+    }
+    m_pCore->ReleaseOwner();
+    m_pCore = nullptr;
 }

@@ -26,6 +26,7 @@
 
 class ContextWrapper;
 class ConfigManager;
+class ServiceCore;
 
 // The common base of every device service: a request and a response queue, a notification
 // pipe, monitor/request/response threads, request timeouts, the command table and HAL calls.
@@ -99,9 +100,12 @@ public:
     int HalFree(void* block);
 
     // Calls the HAL function `name` with signature R(Args...). The library stays mapped for the
-    // call even if the service is torn down meanwhile. Only the call itself may outlive the
-    // service: a call that comes back after it was destroyed does not return to its caller
-    // (see UnwindingCaller), since the caller's next step would reach the freed service.
+    // call even if the service is torn down meanwhile. Around the call, the request that the
+    // calling thread runs is "in a HAL call": neither its timeout nor the service's destruction
+    // waits for it. When the call comes back after the request was taken away (timed out, or
+    // the service destroyed), only code that says it leaves by itself gets control back (the
+    // engine's own callers do); a host's own inline call would go on with the freed service,
+    // so its thread stays in ReturnFromHal for good.
     template <typename R, typename... Args>
     static R ExcecuteFunc(DllParser* parser, const std::string& name, Args... args) {
         std::function<R(Args...)> func;
@@ -118,46 +122,48 @@ public:
         return func(args...);
     }
 
-    // A handler's thread is inside its service, and the service's destruction waits for it,
-    // except between these two calls, around a HAL call or a wait that touches nothing of the
-    // service. ReattachToService is false when the service was destroyed meanwhile: the caller
-    // must then leave without touching it. Outside a request handler both do nothing.
+    // The request that the calling thread runs goes into a HAL call (or a wait that touches
+    // nothing of the service), and comes back: ReattachToService is false when the request
+    // was taken away meanwhile (timed out, or the service destroyed), and the caller must then
+    // leave without touching the service. Outside a request of a service, both do nothing.
     static void DetachFromService();
     static bool ReattachToService();
-    // ReattachToService for ExcecuteFunc: when the service is gone and the caller is no
+    // ReattachToService for ExcecuteFunc: when the request was taken away and the caller is no
     // UnwindingCaller, the thread stays in here for good.
     static void ReturnFromHal();
-    // Held by code that checks ServiceGone() (or Thread::IsCurrentAbandoned()) after each HAL
-    // call and then leaves without touching the service: its HAL calls always come back.
+    // Held around HAL calls by code that checks ServiceGone() after each of them and then
+    // leaves without touching the service: its calls always come back.
     class UnwindingCaller {
     public:
         UnwindingCaller();
         ~UnwindingCaller();
         UnwindingCaller(const UnwindingCaller&) = delete;
         UnwindingCaller& operator=(const UnwindingCaller&) = delete;
-        // True when a HAL call came back after the service was destroyed.
+        // True when a HAL call came back after its request was taken away.
         bool ServiceGone() const;
     };
 
     // Is the service being destroyed? Thread loops leave when it is.
-    bool IsStopping() const { return m_bStopping.load(std::memory_order_acquire); }
+    bool IsStopping() const;
     // Brings the three threads out of the engine's code: each ends, or is left behind in a
-    // handler or HAL call that will never touch the service again. The destructor of every
-    // service calls it first, before the object's dynamic type starts to change.
+    // HAL call that will never touch the service again. The destructor of every service calls
+    // it first, before the object's dynamic type starts to change.
     void StopServiceThreads();
+    // What the service keeps beside its fixed layout (internal: service/ServiceCore.h).
+    ServiceCore* Core() const { return m_pCore; }
 
     ServiceThread* m_pMonitorThread;
     ServiceThread* m_pResponseThread;
     ServiceThread* m_pRequestThread;
-    struct timeval m_tvReqStart;     // written and read by the monitor thread only
-    pthread_mutex_t m_mtxPipeWrite;  // guards writes to m_nMsgPipeW
-    MessageQueue<SFMessage> m_reqQueue;
+    struct timeval m_tvReqStart;         // wall-clock start of the current request, for the record
+    pthread_mutex_t m_mtxPipeWrite;      // guards writes to m_nMsgPipeW
+    MessageQueue<SFMessage> m_reqQueue;  // stays empty: requests wait as tickets in the core
     MessageQueue<SFMessage> m_respQueue;
     // The monitor rebuilds the pipe while other threads read the numbers.
     std::atomic<int> m_nMsgPipeR;
     std::atomic<int> m_nMsgPipeW;
     bool m_bInit;
-    // Written by the request thread, claimed by the monitor on a timeout.
+    // The current request's message (its ticket owns it); written under the core's lock.
     std::atomic<SFMessage*> m_pCurReqMsg;
     std::string m_strServiceName;
     int m_nServiceId;
@@ -165,16 +171,15 @@ public:
     ContextWrapper* m_pContext;
     sf_response* m_pResponse;
     char* m_pVendorCmdBuf;
-    std::atomic<bool> m_bTimeoutHandling;  // set by the monitor while it handles a timeout
+    std::atomic<bool> m_bTimeoutHandling;  // set while a timeout is handled; the next request waits
     DllParser* m_pDllParser;
 
 private:
-    std::atomic<bool> m_bStopping;  // set first thing by the destructor
-
-public:
-    // The current request's time-out, published by the request thread with m_pCurReqMsg, so
-    // the monitor never reads a message that the request thread may be deleting.
-    std::atomic<int> m_nCurReqTimeout;
+    // Created with the service, held also by its threads (so it outlives the object for a
+    // thread that comes back late). It takes the eight bytes that earlier builds used for a
+    // stop flag and a copy of the current timeout: the object's size and every documented
+    // offset stay as they were.
+    ServiceCore* m_pCore;
 };
 
 #endif

@@ -5,14 +5,12 @@
 
 #include "platform/LogMessage.h"
 #include "service/SFService.h"
-#include "service/ServiceLifetime.h"
+#include "service/ServiceCore.h"
 
 namespace {
-thread_local int t_unwindingCallers = 0;  // UnwindingCaller objects alive on this thread
-thread_local bool t_serviceGone = false;  // a HAL call came back to a destroyed service
-
-// The caller of a HAL call that came back after its service was destroyed would go on with
-// the freed service (a host handler converts the result next): the thread stays here instead.
+// The caller of a HAL call that came back after its request was taken away would go on with a
+// service that may be freed (a host's handler converts the result next): the thread stays
+// here instead. Only a host's own inline HAL call gets here; the engine's callers unwind.
 [[noreturn]] void StayForGood() {
     LogMessage(3, "VORN", "ExcecuteFunc").stream()
         << "a HAL call came back after its service was destroyed; its thread stops here";
@@ -21,26 +19,40 @@ thread_local bool t_serviceGone = false;  // a HAL call came back to a destroyed
 }
 }  // namespace
 
-void SFService::DetachFromService() { ServiceLifetime::Detach(); }
+void SFService::DetachFromService() {
+    if (ServiceCore::Ticket* t = ServiceCore::Ticket::Current()) t->Core().Away(*t);
+}
 
+// False only when the service is being destroyed: after a timeout the service is still there,
+// and the caller goes on in it (its reply is dropped when its handler ends).
 bool SFService::ReattachToService() {
-    if (ServiceLifetime::Reattach()) return true;
-    t_serviceGone = true;
-    return false;
+    ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
+    return !t || t->Core().Back(*t, true);
 }
 
 void SFService::ReturnFromHal() {
-    if (ReattachToService() || t_unwindingCallers > 0) return;
+    ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
+    if (!t) return;
+    // The engine's own callers leave by themselves once the request is taken away; a host's
+    // handler goes on while the service exists, and cannot be let back once it is gone.
+    const bool unwinds = t->CallerUnwinds() > 0;
+    if (t->Core().Back(*t, !unwinds) || unwinds) return;
     StayForGood();
 }
 
+// The ticket keeps the count: the caller is the thread that runs the request.
 SFService::UnwindingCaller::UnwindingCaller() {
-    if (t_unwindingCallers++ == 0) t_serviceGone = false;
+    if (ServiceCore::Ticket* t = ServiceCore::Ticket::Current()) t->SetCallerUnwinds(+1);
 }
 
-SFService::UnwindingCaller::~UnwindingCaller() { --t_unwindingCallers; }
+SFService::UnwindingCaller::~UnwindingCaller() {
+    if (ServiceCore::Ticket* t = ServiceCore::Ticket::Current()) t->SetCallerUnwinds(-1);
+}
 
-bool SFService::UnwindingCaller::ServiceGone() const { return t_serviceGone; }
+bool SFService::UnwindingCaller::ServiceGone() const {
+    ServiceCore::Ticket* t = ServiceCore::Ticket::Current();
+    return t && t->Left();
+}
 
 int SFService::Execute(std::string funcName, std::vector<char>* in, std::vector<char>* out) {
     if (!m_pDllParser->GetFunction(funcName)) return 1001;

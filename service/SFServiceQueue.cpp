@@ -7,16 +7,14 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <unordered_map>
 
 #include "io/Formatter.h"
 #include "io/ReplyRoute.h"
 #include "io/SFCommandParser.h"
 #include "platform/LogMessage.h"
-#include "platform/Thread.h"
 #include "routing/SFServiceManager.h"
 #include "service/SFService.h"
-#include "service/ServiceLifetime.h"
+#include "service/ServiceCore.h"
 
 namespace {
 // Read by every consumer of a queue, set by the host before or while the services run. A
@@ -35,57 +33,7 @@ const cmd_entry* FindRow(const std::list<cmd_entry*>& rows, const std::string& h
     return nullptr;
 }
 
-// The handler span of one request: from OnHandleRequest to the end of the row's handler.
-struct HandlerSpan {
-    explicit HandlerSpan(std::shared_ptr<ServiceLifetime> lifetime)
-        : entered(ServiceLifetime::EnterHandler(std::move(lifetime))) {}
-    ~HandlerSpan() { ServiceLifetime::LeaveHandler(); }
-    const bool entered;
-};
 }  // namespace
-
-// ---- Reply routing: the client each reply goes to -------------------------------------------
-// The front end names a command's sender in a reply scope while the command is taken in. The
-// engine keeps that client with the request and opens a scope with it around sending the
-// request's reply, the 1002 of its timeout included, on whatever thread sends it. Keyed by the
-// message (the exported SFMessage has no room for it) and by the service for the request its
-// request thread runs:
-//   EnQueue(request)      remembers the sender of the request (the intake thread's scope)
-//   HandleRequest         the taken request's sender becomes its service's current one
-//   EnQueue(response)     a reply, from the request thread or the monitor's timeout, goes to the
-//                         current request's sender
-//   HandleResponse        sends the reply inside a scope naming that sender
-// Requests without a known sender (internal ones, a host's own) keep no entry and are answered
-// as before, to the client of the latest transmission.
-namespace {
-namespace reply_routes {
-std::mutex g_lock;  // guards Table()
-std::unordered_map<const void*, ClientRef>& Table() {
-    static auto* table = [] {  // outlives exit
-        auto* t = new std::unordered_map<const void*, ClientRef>;
-        t->reserve(256);  // a few entries per queued request: no rehash on the way
-        return t;
-    }();
-    return *table;
-}
-void Remember(const void* key, ClientRef client) {
-    std::lock_guard<std::mutex> lock(g_lock);
-    if (client.Known())
-        Table()[key] = client;
-    else
-        Table().erase(key);
-}
-ClientRef Lookup(const void* key, bool take) {
-    std::lock_guard<std::mutex> lock(g_lock);
-    auto it = Table().find(key);
-    if (it == Table().end()) return ClientRef();
-    const ClientRef client = it->second;
-    if (take) Table().erase(it);
-    return client;
-}
-}  // namespace reply_routes
-}  // namespace
-// ---- end of reply routing ---------------------------------------------------------------------
 
 int GetQueueSpinMicros() { return g_queueSpinMicros.load(std::memory_order_relaxed); }
 
@@ -93,6 +41,21 @@ void SetQueueSpinMicros(int micros) {
     // A window longer than a millisecond only burns time that a sleep would save.
     g_queueSpinMicros.store(std::max(0, std::min(micros, 1000)), std::memory_order_relaxed);
 }
+
+namespace {
+// Formats a reply into the service's one record and hands it to the front end, under the
+// sender's route. One thread at a time: the core lets a reply be sent directly only when no
+// queued one is being sent, and the response thread only when no direct one is.
+int SendReply(SFService& service, std::unique_ptr<SFMessage> msg, ClientRef sender);
+
+// A reply produced now: sent on this thread when nothing waits ahead of it, else queued.
+void DeliverReply(SFService& service, ServiceCore& core, SFMessage* reply, ClientRef sender) {
+    if (core.SendDirect(reply, sender)) {
+        SendReply(service, std::unique_ptr<SFMessage>(reply), sender);
+        core.DirectSent();
+    }
+}
+}  // namespace
 
 int SFService::EnQueue(SFMessage* msg) {
     if (!msg) {
@@ -107,17 +70,16 @@ int SFService::EnQueue(SFMessage* msg) {
                 << "return is " << (resp ? resp->result : 1006);
             DUMPLOG("VORN", "[RESPONSE]", resp ? resp->data : nullptr, resp ? resp->length : 0);
         }
-        reply_routes::Remember(msg, reply_routes::Lookup(this, false));
-        m_respQueue.enqueue(msg);
+        // The reply of the request now running (or being timed out) goes to its sender.
+        DeliverReply(*this, *m_pCore, msg, m_pCore->CurrentSender());
         return 0;
     }
     if (msg->direction == MSG_REQUEST) {
-        // A service given a request is complete: the monitor may start its threads.
-        if (auto lifetime = ServiceLifetime::Find(this)) lifetime->MarkConstructed();
         SFData* req = msg->GetRequestData();
         DUMPLOG("VORN", "[REQUEST]", req ? req->data : nullptr, req ? req->length : 0);
-        reply_routes::Remember(msg, ReplyRoute::Current());
-        m_reqQueue.enqueue(msg);
+        // Intake runs on the socket loop's thread, inside the delivery of the command: the
+        // route read here is the client that sent it.
+        m_pCore->Submit(msg, ReplyRoute::Current());
         return 0;
     }
     LogMessage(4, "VORN", "EnQueue").stream() << m_strServiceName << "message direction error";
@@ -156,71 +118,59 @@ int SFService::NotifyNewMessage(MsgDirection direction) {
 
 int SFService::NotifyNewMessage(SFMessage* msg) { return NotifyNewMessage(msg->direction); }
 
-SFMessage* SFService::reqDeQ() { return m_reqQueue.dequeue(); }
+// Requests wait as tickets in the core: this takes the next one's message, without waiting.
+SFMessage* SFService::reqDeQ() { return m_pCore->TakeQueuedMessage(); }
 
 SFMessage* SFService::respDeQ() { return m_respQueue.dequeue(); }
 
 int SFService::HandleRequest() {
-    if (m_bTimeoutHandling) {
-        LogMessage(1, "VORN", "HandleRequest").stream()
-            << m_strServiceName << ": Timeout thread is processing. Wait...";
-        usleep(20000);
-        return 0;
-    }
-    // Only a service being destroyed has none; its request thread takes nothing more.
-    std::shared_ptr<ServiceLifetime> lifetime = ServiceLifetime::Find(this);
-    if (!lifetime) return 0;
-    // The previous request is released only now, when the next one is taken.
-    delete m_pCurReqMsg.exchange(nullptr);
-    SFMessage* msg = reqDeQ();
-    if (!msg) return 0;  // the queue was switched off, or a wake-up found it empty
-    reply_routes::Remember(this, reply_routes::Lookup(msg, true));
-    // The monitor times the request from now. It needs a byte only when it sleeps without a
-    // limit or past this request's end; otherwise it finds the request when its limit runs out.
-    if (lifetime->Clock().Begin(this, msg)) {
-        NotifyNewMessage(msg);
-    } else {
-        TraceNotify(msg->direction);
-        if (msg->timeout == 0 && LogMessage::IsOn(1))
-            LogMessage(1, "VORN", "CalculateRequestTimeout").stream()
-                << m_strServiceName << ": Timeout is 0, set default timeout value to 60sec";
-    }
+    RunRequestPass(*this, *m_pCore, m_pCore->RequestGeneration());
+    return 0;
+}
 
-    // Handlers are foreign code: if one outlives its timeout, the monitor takes the request
-    // away and this thread, once it comes back, leaves without touching anything shared. The
-    // engine's own code inside them is waited for by the service's destruction.
-    HandlerSpan span(std::move(lifetime));
-    if (!span.entered) return 0;  // the service is being destroyed
-    Thread::BeginForeignCall();
-    OnHandleRequest(msg);
-    if (!Thread::EndForeignCall()) return 0;
+PassEnd RunRequestPass(SFService& service, ServiceCore& core, uint64_t generation) {
+    const std::shared_ptr<ServiceCore::Ticket> ticket = core.Take(generation);
+    if (!ticket) return PASS_RETIRED;
+    SFMessage* const msg = ticket->Message();
+    TraceNotify(msg->direction);
 
+    // Handlers are foreign code. If one outlives its timeout, the timeout answers the request
+    // and takes it away: this thread, once back, touches nothing but its ticket.
+    service.OnHandleRequest(msg);
     SFData* vendor = msg->GetVendorCommandData();
     std::string text = (vendor && vendor->data) ? std::string(vendor->data, vendor->length) : "";
     std::string header;
     SFCommandParser::GetCommandHeader(text, header);
-    if (const cmd_entry* row = FindRow(m_cmdList, header)) {
-        Thread::BeginForeignCall();
-        SFRespData* resp = row->handler ? row->handler(msg, this) : DoRequest(msg, this);
-        if (!Thread::EndForeignCall()) {
-            delete resp;  // answered by the timeout already
-            return 0;
-        }
-        if (resp) {
-            SFMessage* reply = msg->Clone();
-            reply->direction = MSG_RESPONSE;
-            reply->SetResponseData(resp);
-            EnQueue(reply);
-        }
+    SFRespData* resp = nullptr;
+    bool answered = false;
+    if (const cmd_entry* row = FindRow(service.m_cmdList, header)) {
+        answered = true;
+        if (row->handler)
+            resp = row->handler(msg, &service);
+        else if (core.RefuseHalCall())
+            resp = service.ConvertPCBAResponse(msg, 1009, "", 0);
+        else
+            resp = service.DoRequest(msg, &service);
     }
-    if (m_reqQueue.size() == 0) {
-        const MsgDirection direction = msg->direction;
-        delete m_pCurReqMsg.exchange(nullptr);
-        // No byte: the monitor finds that nothing runs when its limit ends, and then sleeps
-        // without one.
-        TraceNotify(direction);
+    const MsgDirection direction = msg->direction;
+    if (!core.Finish(*ticket)) {
+        delete resp;  // answered by the timeout already, or the service is gone
+        return PASS_TAKEN_AWAY;
     }
-    return 0;
+    if (answered && resp) {
+        SFMessage* reply = msg->Clone();
+        reply->direction = MSG_RESPONSE;
+        reply->SetResponseData(resp);
+        if (LogMessage::IsOn(1)) {
+            LogMessage(1, "VORN", "EnQueue").stream() << "return is " << resp->result;
+            DUMPLOG("VORN", "[RESPONSE]", resp->data, resp->length);
+        }
+        DeliverReply(service, core, reply, ticket->Sender());
+    }
+    // The monitor needs no byte: the timer was armed for this request and is disarmed once
+    // nothing runs.
+    TraceNotify(direction);
+    return PASS_NEXT;
 }
 
 int SFService::HandleResponse() {
@@ -230,7 +180,14 @@ int SFService::HandleResponse() {
         if (!IsStopping()) LogMessage(4, "VORN", "HandleResponse").stream() << "message is null";
         return 2;
     }
-    const ReplyRoute::Scope route(reply_routes::Lookup(msg.get(), true));
+    const ClientRef sender = m_pCore->BeginQueuedReply();
+    const int rc = SendReply(*this, std::move(msg), sender);
+    m_pCore->EndQueuedReply();
+    return rc;
+}
+
+namespace {
+int SendReply(SFService& service, std::unique_ptr<SFMessage> msg, ClientRef sender) {
     SFRespData* resp = msg->GetResponseData();
     SFData* req = msg->GetRequestData();
     uint32_t reqLen = req ? req->length : 0;
@@ -247,8 +204,8 @@ int SFService::HandleResponse() {
             respLen = kMaxReply - 12 - reqLen;
         }
         LogMessage(3, "VORN", "HandleResponse").stream()
-            << m_strServiceName << " reply cut to fit the record: request " << oldReq << "->"
-            << reqLen << ", response " << oldResp << "->" << respLen;
+            << service.m_strServiceName << " reply cut to fit the record: request " << oldReq
+            << "->" << reqLen << ", response " << oldResp << "->" << respLen;
     }
     Formatter formatter;
     formatter.SetResult(resp ? resp->result : 1006);
@@ -257,13 +214,14 @@ int SFService::HandleResponse() {
     unsigned char* output = nullptr;
     int outputLength = 0;
     formatter.GetOutputData(&output, outputLength);
-    std::memset(m_pResponse, 0, sizeof(sf_response));
+    sf_response* record = service.m_pResponse;
+    std::memset(record, 0, sizeof(sf_response));
     if (output && outputLength > 0) {
-        m_pResponse->length = static_cast<uint32_t>(outputLength);
-        std::memcpy(m_pResponse->text, output, static_cast<size_t>(outputLength));
+        record->length = static_cast<uint32_t>(outputLength);
+        std::memcpy(record->text, output, static_cast<size_t>(outputLength));
     }
     delete[] output;
-    m_pResponse->direction = resp ? static_cast<int32_t>(resp->direction) : DATA_RESPONSE;
+    record->direction = resp ? static_cast<int32_t>(resp->direction) : DATA_RESPONSE;
     msg.reset();
     SFServiceManager* manager = SFServiceManager::GetServiceManager();
     if (!manager) {
@@ -271,9 +229,11 @@ int SFService::HandleResponse() {
             << "service manager is null or handle response is fail(" << 1 << ")";
         return 1;
     }
-    manager->HandleResponse(m_pResponse);
+    ReplyRoute::Scope route(sender);
+    manager->HandleResponse(record);
     return 0;
 }
+}  // namespace
 
 int SFService::OnHandleRequest(SFMessage* /*msg*/) { return 1; }
 

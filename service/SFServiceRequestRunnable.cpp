@@ -1,21 +1,38 @@
 #include "service/SFServiceRequestRunnable.h"
 
 #include "platform/LogMessage.h"
-#include "platform/Thread.h"
 #include "service/SFService.h"
+#include "service/ServiceCore.h"
+
+SFServiceRequestRunnable::SFServiceRequestRunnable(SFService* service)
+    : m_pService(service),
+      m_core(service && service->Core() ? service->Core()->shared_from_this() : nullptr),
+      m_nGeneration(m_core ? m_core->RequestGeneration() : 0) {}
+
+SFServiceRequestRunnable::~SFServiceRequestRunnable() = default;
 
 void SFServiceRequestRunnable::Run() {
+    // Locals only from here: once a timeout takes this thread's request away, the service
+    // replaces the thread and deletes this runnable while the thread is still in its handler.
+    SFService* const service = m_pService;
+    const std::shared_ptr<ServiceCore> core = m_core;
+    const uint64_t generation = m_nGeneration;
     LogMessage(1, "VORN", "Run").stream()
-        << "<" << (m_pService ? m_pService->GetServiceName() : "") << "> request thread boot";
+        << "<" << (service ? service->GetServiceName() : "") << "> request thread boot";
+    if (!service || !core) {
+        LogMessage(4, "VORN", "Run").stream() << "Service was destroyed";
+        if (core) core->ThreadEnded();
+        return;
+    }
     for (;;) {
-        // A thread left behind by a timeout owns nothing any more, this runnable included:
-        // it must leave before reading a member.
-        if (Thread::IsCurrentAbandoned()) return;
-        if (!m_pService) {
-            LogMessage(4, "VORN", "Run").stream() << "Service was destroyed";
-            return;
+        switch (RunRequestPass(*service, *core, generation)) {
+            case PASS_NEXT:
+                continue;
+            case PASS_RETIRED:
+                core->ThreadEnded();
+                return;
+            case PASS_TAKEN_AWAY:
+                return;  // counted out already; the service may be gone
         }
-        if (m_pService->IsStopping()) return;
-        m_pService->HandleRequest();
     }
 }

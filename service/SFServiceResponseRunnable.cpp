@@ -1,19 +1,22 @@
 #include "service/SFServiceResponseRunnable.h"
 
 #include "platform/LogMessage.h"
-#include "platform/Thread.h"
 #include "service/SFService.h"
+#include "service/ServiceCore.h"
+
+SFServiceResponseRunnable::SFServiceResponseRunnable(SFService* service)
+    : m_pService(service),
+      m_core(service && service->Core() ? service->Core()->shared_from_this() : nullptr) {}
+
+SFServiceResponseRunnable::~SFServiceResponseRunnable() = default;
 
 void SFServiceResponseRunnable::Run() {
+    SFService* const service = m_pService;
+    const std::shared_ptr<ServiceCore> core = m_core;
     LogMessage(1, "VORN", "Run").stream()
-        << "<" << (m_pService ? m_pService->GetServiceName() : "") << "> response thread boot";
-    for (;;) {
-        if (Thread::IsCurrentAbandoned()) return;
-        if (!m_pService) {
-            LogMessage(4, "VORN", "Run").stream() << "Service was destroyed in response runnable!";
-            return;
-        }
-        if (m_pService->IsStopping()) return;
-        m_pService->HandleResponse();
-    }
+        << "<" << (service ? service->GetServiceName() : "") << "> response thread boot";
+    if (!service)
+        LogMessage(4, "VORN", "Run").stream() << "Service was destroyed in response runnable!";
+    while (service && core && !core->Stopping()) service->HandleResponse();
+    if (core) core->ThreadEnded();  // the last touch: the service may go right after it
 }

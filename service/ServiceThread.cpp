@@ -5,6 +5,7 @@
 #include "service/SFServiceMonitorRunnable.h"
 #include "service/SFServiceRequestRunnable.h"
 #include "service/SFServiceResponseRunnable.h"
+#include "service/ServiceCore.h"
 
 int ServiceThread::Start() {
     switch (kind) {
@@ -20,8 +21,12 @@ int ServiceThread::Start() {
         default:
             return 1001;
     }
+    // Counted before it exists: the service's destruction waits until it is out again.
+    ServiceCore* core = service->Core();
+    core->ThreadStarting();
     thread = new Thread(runnable);
     if (thread->Start() < 0) {
+        core->ThreadEnded();
         LogMessage(4, "VORN", "Start").stream()
             << service->GetServiceName() << " Fail to start Service Thread.";
         // The holder stays attached to the service, but with nothing left to delete twice.

@@ -1,12 +1,10 @@
 #include "services/MiscService.h"
 
-#include <unistd.h>
-
 #include <string>
 
 #include "io/SFCommandParser.h"
 #include "platform/LogMessage.h"
-#include "platform/Thread.h"
+#include "service/ServiceCore.h"
 #include "services/ServiceRequest.h"
 
 MiscService::MiscService(ContextWrapper* context) : SFService(context, MISC_SERVICE) {
@@ -20,15 +18,17 @@ SFRespData* MiscService::DoTestRequest(SFMessage* /*msg*/, void* /*service*/) {
     return new SFRespData(0, nullptr, 0, DATA_RESPONSE);
 }
 
-SFRespData* MiscService::DoTIMEOUTRequest(SFMessage* /*msg*/, void* /*service*/) {
+SFRespData* MiscService::DoTIMEOUTRequest(SFMessage* /*msg*/, void* service) {
     // Never answers: only the request timeout does. Once the timeout has taken the request
-    // away, the thread is let go instead of sleeping for ever, so a daemon that is asked this
-    // every day does not collect sleeping threads. On a host's own thread it never returns.
-    // The wait touches nothing of the service, so the service's destruction need not wait
-    // for it; whatever happened meanwhile, nothing is answered from here.
-    SFService::DetachFromService();
-    while (!Thread::IsCurrentAbandoned()) sleep(1);
-    SFService::ReattachToService();
+    // away, the thread is let go instead of waiting for ever, so a daemon that is asked this
+    // every day does not collect threads. The wait touches nothing of the service, so the
+    // service's destruction need not wait for it (and ends it). Not run as a queued request
+    // (an internal request, on its caller's thread), it waits as long as the service lives.
+    ServiceCore::Ticket* ticket = ServiceCore::Ticket::Current();
+    const std::shared_ptr<ServiceCore> core =
+        ticket ? ticket->Core().shared_from_this()
+               : static_cast<SFService*>(service)->Core()->shared_from_this();
+    core->AwaitTakenAway(ticket);
     return nullptr;
 }
 

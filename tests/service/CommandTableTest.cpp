@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 #include "support/TestSupport.h"
 #include "vorn_core.h"
@@ -20,6 +21,31 @@ public:
     explicit BareService(int id = 9) : SFService(nullptr, id) {}
     ~BareService() override { StopServiceThreads(); }
 };
+
+// Hosts are compiled against SFService's fields: what the engine keeps beside them must not
+// move one (64-bit builds).
+class LayoutProbe : public BareService {
+public:
+    std::vector<long> Offsets() const {
+        const char* base = reinterpret_cast<const char*>(static_cast<const SFService*>(this));
+        std::vector<long> at;
+        for (const void* field :
+             {(const void*)&m_pMonitorThread, (const void*)&m_tvReqStart,
+              (const void*)&m_mtxPipeWrite, (const void*)&m_reqQueue, (const void*)&m_respQueue,
+              (const void*)&m_nMsgPipeR, (const void*)&m_bInit, (const void*)&m_pCurReqMsg,
+              (const void*)&m_strServiceName, (const void*)&m_cmdList, (const void*)&m_pResponse,
+              (const void*)&m_bTimeoutHandling, (const void*)&m_pDllParser})
+            at.push_back(static_cast<const char*>(field) - base);
+        return at;
+    }
+};
+
+TEST(ServiceLayout, SFServiceKeepsItsSizeAndFieldOffsets) {
+    if (sizeof(void*) != 8) GTEST_SKIP() << "offsets recorded for 64-bit builds";
+    EXPECT_EQ(576u, sizeof(SFService));
+    const std::vector<long> expected{8, 32, 48, 88, 264, 440, 448, 456, 464, 504, 536, 552, 560};
+    EXPECT_EQ(expected, LayoutProbe().Offsets());
+}
 
 class CommandTable : public ::testing::Test {
 protected:

@@ -103,6 +103,11 @@ void EngineHarness::AwaitAllServicesUp() {
     Reply r;
     for (const char* cmd : {"JXT", "JXT+GSENSOR=up", "JXT+CPVERSION=up"})
         EXPECT_TRUE(Ask(cmd, r)) << cmd;
+    // A reply is sent by the request thread itself: the response thread, started just after
+    // it, may still be on its way.
+    for (const char* name : {"MISC_SERVICE", "SENSOR_SERVICE", "MODEM_SERVICE"})
+        EXPECT_TRUE(log.AwaitLine(std::string("<") + name + "> response thread boot", "Run"))
+            << name;
 }
 
 bool EngineHarness::Ask(const std::string& command, Reply& reply, std::chrono::milliseconds limit) {

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -93,6 +94,13 @@ int block_cmd(std::vector<char>* in, std::vector<char>* out) {
 int big_cmd(std::vector<char>* in, std::vector<char>* out) {
     Record(in);
     out->assign(static_cast<size_t>(ParseInt(in)), 'B');
+    return 0;
+}
+// Sleeps for as many milliseconds as the input's leading number, then echoes the input.
+int sleep_cmd(std::vector<char>* in, std::vector<char>* out) {
+    Record(in);
+    std::this_thread::sleep_for(std::chrono::milliseconds(ParseInt(in)));
+    out->assign(in->begin(), in->end());
     return 0;
 }
 int throw_cmd(std::vector<char>* in, std::vector<char>* /*out*/) {

@@ -1,0 +1,486 @@
+#include "service/ServiceCore.h"
+
+#include <sched.h>
+#include <sys/time.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+
+#include "core/SFMessage.h"
+#include "platform/LogMessage.h"
+#include "service/MessageQueue.h"
+#include "service/SFService.h"
+
+namespace {
+// The request the calling thread runs. Only the thread itself reads it: the HAL call template
+// and the built-in handlers are handed nothing else to find their request by.
+thread_local ServiceCore::Ticket* t_ticket = nullptr;
+
+int MakeTimer() {
+    const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    if (fd < 0)
+        LogMessage(4, "VORN", "ServiceCore").stream()
+            << "no request timer (" << errno << "): requests of this service never time out";
+    return fd;
+}
+
+timespec Now() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now;
+}
+
+bool NotBefore(const timespec& a, const timespec& b) {
+    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec >= b.tv_nsec;
+}
+}  // namespace
+
+ServiceCore::Ticket::Ticket(SFMessage* msg, ClientRef sender, ServiceCore* core)
+    : m_pMsg(msg), m_sender(sender), m_core(core) {}
+
+ServiceCore::Ticket::~Ticket() { delete m_pMsg; }
+
+void ServiceCore::Ticket::SetCancel(std::function<void()> cancel) {
+    std::lock_guard<std::mutex> lock(m_core->m_lock);
+    m_cancel = std::move(cancel);
+}
+
+ServiceCore::Ticket* ServiceCore::Ticket::Current() { return t_ticket; }
+
+std::shared_ptr<ServiceCore> ServiceCore::Create(SFService* service, const std::string& name) {
+    std::shared_ptr<ServiceCore> core(new ServiceCore(service, name));
+    core->m_owner = core;
+    return core;
+}
+
+ServiceCore::ServiceCore(SFService* service, const std::string& name)
+    : m_service(service), m_strName(name), m_nTimerFd(MakeTimer()) {}
+
+ServiceCore::~ServiceCore() {
+    if (m_nTimerFd >= 0) close(m_nTimerFd);
+}
+
+void ServiceCore::ReleaseOwner() {
+    std::shared_ptr<ServiceCore> owner;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        owner.swap(m_owner);
+    }
+    // The core may go right here, with the last reference.
+}
+
+void ServiceCore::ThreadStarting() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    ++m_nBusy;
+}
+
+void ServiceCore::ThreadEnded() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (--m_nBusy == 0) m_changed.notify_all();
+}
+
+void ServiceCore::MarkConstructed() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_bConstructed) return;
+    m_bConstructed = true;
+    m_changed.notify_all();
+}
+
+bool ServiceCore::AwaitConstructed() {
+    std::unique_lock<std::mutex> lock(m_lock);
+    m_changed.wait(lock, [this] { return m_bConstructed || Stopping(); });
+    return !Stopping();
+}
+
+void ServiceCore::Stop() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_bStopping.store(true, std::memory_order_release);
+    m_work.notify_all();
+    m_changed.notify_all();
+}
+
+void ServiceCore::AwaitQuiet() {
+    std::unique_lock<std::mutex> lock(m_lock);
+    m_changed.wait(lock, [this] { return m_nBusy == 0; });
+}
+
+void ServiceCore::Pause(int ms) {
+    std::unique_lock<std::mutex> lock(m_lock);
+    m_changed.wait_for(lock, std::chrono::milliseconds(ms), [this] { return Stopping(); });
+}
+
+void ServiceCore::Submit(SFMessage* msg, ClientRef sender) {
+    auto ticket = std::make_shared<Ticket>(msg, sender, this);
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        // A service given a request is complete: the monitor may start its threads.
+        if (!m_bConstructed) {
+            m_bConstructed = true;
+            m_changed.notify_all();
+        }
+        m_queue.push_back(std::move(ticket));
+        m_nQueued.store(m_queue.size(), std::memory_order_release);
+    }
+    // After the lock: the woken thread does not run into it still held.
+    m_work.notify_one();
+}
+
+SFMessage* ServiceCore::TakeQueuedMessage() {
+    std::shared_ptr<Ticket> t;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (m_queue.empty()) return nullptr;
+        t = std::move(m_queue.front());
+        m_queue.pop_front();
+        m_nQueued.store(m_queue.size(), std::memory_order_release);
+    }
+    // The caller owns the message now; the ticket, never run, goes without it.
+    SFMessage* msg = t->m_pMsg;
+    t->m_pMsg = nullptr;
+    return msg;
+}
+
+void ServiceCore::ClearQueued() {
+    std::deque<std::shared_ptr<Ticket>> queued;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        queued.swap(m_queue);
+        m_nQueued.store(0, std::memory_order_release);
+    }
+}
+
+uint64_t ServiceCore::RequestGeneration() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_nGeneration;
+}
+
+void ServiceCore::NewRequestGeneration() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    ++m_nGeneration;
+    m_work.notify_all();
+}
+
+std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
+    std::unique_lock<std::mutex> lock(m_lock);
+    auto retired = [&] { return Stopping() || generation != m_nGeneration; };
+    if (m_service->m_bTimeoutHandling && !retired()) {
+        LogMessage(1, "VORN", "HandleRequest").stream()
+            << m_strName << ": Timeout thread is processing. Wait...";
+        m_work.wait(lock, [&] { return !m_service->m_bTimeoutHandling || retired(); });
+    }
+    if (m_queue.empty() && !retired()) {
+        // A command usually comes back within the look-ahead window, and a thread still awake
+        // takes it without being woken on another processor. When commands come slower, the
+        // window is not worth it and the thread sleeps at once, until one came within it again.
+        static thread_local bool t_worthIt = true;
+        const int micros = GetQueueSpinMicros();
+        const auto start = std::chrono::steady_clock::now();
+        const auto until = start + std::chrono::microseconds(micros);
+        if (micros > 0 && t_worthIt) {
+            // Looks without the lock, so that the intake never finds it taken by the look.
+            lock.unlock();
+            do {
+                sched_yield();
+            } while (m_nQueued.load(std::memory_order_acquire) == 0 && !Stopping() &&
+                     std::chrono::steady_clock::now() < until);
+            lock.lock();
+            t_worthIt = !m_queue.empty() || retired();
+        }
+        if (m_queue.empty() && !retired()) {
+            m_work.wait(lock, [&] { return !m_queue.empty() || retired(); });
+            if (micros > 0)
+                t_worthIt = std::chrono::steady_clock::now() <
+                            start + std::chrono::microseconds(2 * micros);
+        }
+    }
+    if (retired()) return nullptr;
+    std::shared_ptr<Ticket> t = std::move(m_queue.front());
+    m_queue.pop_front();
+    m_nQueued.store(m_queue.size(), std::memory_order_release);
+    SFMessage* msg = t->m_pMsg;
+    t->m_state = Ticket::RUNNING;
+    t->m_bInside = true;  // carries this thread's count from here
+    const int seconds = msg->timeout;
+    if (seconds >= 0) {
+        const int64_t ms = seconds == 0 ? 15000 : int64_t(seconds) * 1000;
+        timespec deadline = Now();
+        deadline.tv_sec += ms / 1000;
+        deadline.tv_nsec += (ms % 1000) * 1000000;
+        if (deadline.tv_nsec >= 1000000000) {
+            deadline.tv_sec += 1;
+            deadline.tv_nsec -= 1000000000;
+        }
+        t->m_deadline = deadline;
+        t->m_bHasDeadline = true;
+    }
+    m_current = t;
+    m_service->m_pCurReqMsg = msg;
+    gettimeofday(&m_service->m_tvReqStart, nullptr);
+    lock.unlock();
+    t_ticket = t.get();
+    if (t->m_bHasDeadline && m_nTimerFd >= 0) {
+        // Arming wakes nobody: the monitor wakes when the deadline passes.
+        itimerspec when{};
+        when.it_value = t->m_deadline;
+        timerfd_settime(m_nTimerFd, TFD_TIMER_ABSTIME, &when, nullptr);
+    }
+    if (seconds == 0) {
+        // The text says 60 seconds and the value is 15: both are what devices have always seen.
+        if (LogMessage::IsOn(1))
+            LogMessage(1, "VORN", "CalculateRequestTimeout").stream()
+                << m_strName << ": Timeout is 0, set default timeout value to 60sec";
+    } else if (seconds < 0) {
+        // No limit, once per request.
+        LogMessage(3, "VORN", "CalculateRequestTimeout").stream()
+            << m_strName << ": Invalid timeout value detected : Reset timer";
+    }
+    return t;
+}
+
+void ServiceCore::Away(Ticket& t) {
+    if (t.m_nHalDepth++ > 0) return;
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (t.m_bLeft || !t.m_bInside) return;
+    if (t.GetState() == Ticket::RUNNING) t.m_state = Ticket::IN_HAL;
+    t.m_bInside = false;
+    if (--m_nBusy == 0) m_changed.notify_all();
+}
+
+bool ServiceCore::Back(Ticket& t, bool mayStayInside) {
+    if (--t.m_nHalDepth > 0) return true;  // the outermost call decides
+    std::unique_lock<std::mutex> lock(m_lock);
+    m_changed.wait(lock, [&] { return !t.m_bJudging; });
+    if (t.m_bLeft) return false;
+    const bool timedOut = t.GetState() == Ticket::TIMED_OUT;
+    if (Stopping() || (timedOut && !mayStayInside)) {
+        Leave(t);
+        return false;
+    }
+    // Still its request; or a timed-out one whose caller (a host's handler) goes on in the
+    // service, which is still there and now waits for it again, until the handler ends.
+    if (!timedOut) t.m_state = Ticket::RUNNING;
+    t.m_bInside = true;
+    ++m_nBusy;
+    return !timedOut || mayStayInside;
+}
+
+void ServiceCore::AwaitTakenAway(Ticket* t) {
+    if (!t) {
+        // Not a queued request (an internal one, on its caller's thread): nothing will take it
+        // away, so it waits for as long as the service lives.
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_changed.wait(lock, [this] { return Stopping(); });
+        return;
+    }
+    Away(*t);
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_changed.wait(lock, [&] { return t->GetState() == Ticket::TIMED_OUT || Stopping(); });
+    }
+    Back(*t);
+}
+
+bool ServiceCore::Finish(Ticket& t) {
+    bool disarm = false;
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_changed.wait(lock, [&] { return !t.m_bJudging; });
+        if (t.m_bLeft) {
+            t_ticket = nullptr;
+            return false;
+        }
+        if (t.GetState() == Ticket::TIMED_OUT) {
+            Leave(t);
+            t_ticket = nullptr;
+            return false;
+        }
+        t.m_state = Ticket::DONE;
+        if (m_current.get() == &t) {
+            m_current.reset();
+            m_service->m_pCurReqMsg = nullptr;
+        }
+        // The service took this request's timeout on itself: now that it is over, the next
+        // request may run.
+        if (t.m_bHandled) {
+            m_service->m_bTimeoutHandling = false;
+            m_work.notify_all();
+        }
+        disarm = m_queue.empty() && t.m_bHasDeadline;
+    }
+    t_ticket = nullptr;
+    if (disarm) Disarm();
+    return true;
+}
+
+void ServiceCore::Leave(Ticket& t) {
+    t.m_bLeft = true;
+    if (t.m_bInside) {
+        t.m_bInside = false;
+        if (--m_nBusy == 0) m_changed.notify_all();
+    }
+    if (t.GetState() == Ticket::TIMED_OUT && --m_nLeftBehind < kMaxLeftBehind && m_nRefused > 0) {
+        LogMessage(3, "VORN", "HandleRequest").stream()
+            << m_strName << " serves HAL-backed commands again; " << m_nRefused << " refused while "
+            << kMaxLeftBehind << " threads were held by HAL calls";
+        m_nRefused = 0;
+    }
+}
+
+bool ServiceCore::RefuseHalCall() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_nLeftBehind < kMaxLeftBehind) return false;
+    if (m_nRefused++ == 0)
+        LogMessage(4, "VORN", "HandleRequest").stream()
+            << m_strName << " refuses HAL-backed commands with 1009: " << m_nLeftBehind
+            << " threads are still held by HAL calls that timed out";
+    return true;
+}
+
+void ServiceCore::Disarm() {
+    if (m_nTimerFd < 0) return;
+    const itimerspec off{};
+    timerfd_settime(m_nTimerFd, 0, &off, nullptr);
+}
+
+std::shared_ptr<ServiceCore::Ticket> ServiceCore::ClaimDue() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    const std::shared_ptr<Ticket>& t = m_current;
+    if (!t || t->m_bJudging || t->m_bHandled || !t->m_bHasDeadline) return nullptr;
+    const int state = t->GetState();
+    if (state != Ticket::RUNNING && state != Ticket::IN_HAL) return nullptr;
+    if (!NotBefore(Now(), t->m_deadline)) return nullptr;
+    t->m_bJudging = true;
+    return t;
+}
+
+std::shared_ptr<ServiceCore::Ticket> ServiceCore::ClaimCurrent() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    const std::shared_ptr<Ticket>& t = m_current;
+    if (!t || t->m_bJudging) return nullptr;
+    const int state = t->GetState();
+    if (state != Ticket::RUNNING && state != Ticket::IN_HAL) return nullptr;
+    t->m_bJudging = true;
+    return t;
+}
+
+void ServiceCore::HandBack(Ticket& t) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    t.m_bJudging = false;
+    t.m_bHandled = true;
+    m_changed.notify_all();
+}
+
+void ServiceCore::Abandon(Ticket& t) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    t.m_bJudging = false;
+    t.m_state = Ticket::TIMED_OUT;
+    if (!t.m_bLeft) ++m_nLeftBehind;
+    if (m_current.get() == &t) {
+        m_current.reset();
+        m_service->m_pCurReqMsg = nullptr;
+    }
+    m_changed.notify_all();
+}
+
+void ServiceCore::RunCancel(Ticket& t) {
+    std::function<void()> cancel;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        cancel.swap(t.m_cancel);
+    }
+    if (cancel) cancel();
+}
+
+void ServiceCore::SetTimeoutHandling(bool on) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_service->m_bTimeoutHandling = on;
+    if (!on) m_work.notify_all();
+}
+
+bool ServiceCore::TimeoutHandling() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_service->m_bTimeoutHandling;
+}
+
+int ServiceCore::TimeLeft(timespec& left) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (!m_current || !m_current->m_bHasDeadline) return -1;
+    const timespec now = Now();
+    const timespec& end = m_current->m_deadline;
+    if (NotBefore(now, end)) {
+        left = {0, 0};
+        return 0;
+    }
+    left.tv_sec = end.tv_sec - now.tv_sec;
+    left.tv_nsec = end.tv_nsec - now.tv_nsec;
+    if (left.tv_nsec < 0) {
+        left.tv_sec -= 1;
+        left.tv_nsec += 1000000000;
+    }
+    return 0;
+}
+
+bool ServiceCore::SendDirect(SFMessage* reply, ClientRef sender) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_nQueuedReplies == 0 && !m_bQueuedSending && !m_bDirectSending) {
+        m_bDirectSending = true;
+        return true;
+    }
+    // Behind what is queued or being sent: in the queue, in the same order as its sender.
+    // The queue's own lock is only ever taken inside this one, never the other way round.
+    ++m_nQueuedReplies;
+    m_senders.push_back(sender);
+    m_service->m_respQueue.enqueue(reply);
+    return false;
+}
+
+void ServiceCore::DirectSent() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_bDirectSending = false;
+    if (m_bResponseWaits) m_changed.notify_all();
+}
+
+ClientRef ServiceCore::BeginQueuedReply() {
+    std::unique_lock<std::mutex> lock(m_lock);
+    m_bResponseWaits = true;
+    m_changed.wait(lock, [this] { return !m_bDirectSending; });
+    m_bResponseWaits = false;
+    ClientRef sender;
+    if (!m_senders.empty()) {
+        sender = m_senders.front();
+        m_senders.pop_front();
+    }
+    if (m_nQueuedReplies > 0) --m_nQueuedReplies;
+    m_bQueuedSending = true;
+    return sender;
+}
+
+void ServiceCore::EndQueuedReply() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_bQueuedSending = false;
+}
+
+void ServiceCore::ClearQueuedReplies() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_service->m_respQueue.SetActive(false);
+    m_service->m_respQueue.clear();
+    m_senders.clear();
+    m_nQueuedReplies = 0;
+}
+
+ClientRef ServiceCore::CurrentSender() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_current ? m_current->m_sender : ClientRef{};
+}
+
+std::shared_ptr<ServiceCore::Ticket> ServiceCore::RunningTicket() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_current;
+}
+
+int ServiceCore::LeftBehind() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_nLeftBehind;
+}
