@@ -7,6 +7,7 @@
 
 #include "platform/LogMessage.h"
 #include "platform/Thread.h"
+#include "service/HalHost.h"
 #include "service/SFService.h"
 #include "service/ServiceLifetime.h"
 
@@ -143,6 +144,10 @@ int SFService::HandleRequestTimeout() {
         return 0;
     }
     worker->Resolve(true);
+    // HAL isolation: the 1002 is queued; now the HAL host of the call that outlived it is
+    // killed, so the old thread comes back at once (and leaves) instead of staying behind.
+    // This is the one place a timeout aborts a host call (the request's cancel hook).
+    if (std::shared_ptr<HalHost> host = HalHost::Find(this)) host->Abort();
     // The old thread may still be reading the request inside its handler: it deletes the
     // request when it comes back, or never, if it never does.
     m_pCurReqMsg = nullptr;
