@@ -18,8 +18,23 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// A bare name (a device test module) is looked for next to the test program.
+std::string Beside(const std::string& name) {
+    if (name.find('/') != std::string::npos) return name;
+    char exe[4096];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) return name;
+    const std::string self(exe, static_cast<size_t>(n));
+    const std::string dir = self.substr(0, self.rfind('/'));
+    for (const char* sub : {"/", "/lib64/", "/lib/"})
+        if (access((dir + sub + name).c_str(), R_OK) == 0) return dir + sub + name;
+    return name;
+}
+const std::string kFaultyHal = Beside(VORN_FAULTY_HAL_PATH);
+const std::string kHalHost = Beside(VORN_HALHOST_PATH);
+
 struct HostCase : ::testing::Test {
-    HalHost host{"MISC_SERVICE", VORN_FAULTY_HAL_PATH, VORN_HALHOST_PATH};
+    HalHost host{"MISC_SERVICE", kFaultyHal, kHalHost};
     LogCapture log;
 
     std::string Ask(const std::string& name, int& rc, const std::string& input = "") {
@@ -152,12 +167,12 @@ TEST_F(HostCase, AbortTakesAHungOrSpinningCallAwayAndKillsWhatTheHalForked) {
 TEST(HalHostStart, MissingLibraryOrProgramIsLoggedAndAnswered1001) {
     LogCapture log;
     {
-        HalHost host("SENSOR_SERVICE", "/nonexistent/libnothing.so", VORN_HALHOST_PATH);
+        HalHost host("SENSOR_SERVICE", "/nonexistent/libnothing.so", kHalHost);
         EXPECT_FALSE(host.IsExported("ok_cmd"));
         EXPECT_EQ(1, log.CountContaining("dlopen(/nonexistent/libnothing.so) fail: "))
             << log.Dump();
     }
-    HalHost host("SENSOR_SERVICE", VORN_FAULTY_HAL_PATH, "/nonexistent/vorn_halhost");
+    HalHost host("SENSOR_SERVICE", kFaultyHal, "/nonexistent/vorn_halhost");
     std::vector<char> out;
     EXPECT_EQ(1001, host.Call("ok_cmd", {}, out));
     EXPECT_EQ(1, log.CountContaining("SENSOR_SERVICE HAL host \"/nonexistent/vorn_halhost\" "
