@@ -245,7 +245,8 @@ bool HalHost::StartLocked(std::unique_lock<std::mutex>& lock) {
     lock.lock();
     m_bBusy = false;
     m_idle.notify_all();
-    if (n < static_cast<ssize_t>(kHeader) || GetU32(m_reply.data()) != kHello ||
+    // Aborted while it started (the call it was started for timed out): it goes again.
+    if (m_bAborted || n < static_cast<ssize_t>(kHeader) || GetU32(m_reply.data()) != kHello ||
         kHeader + GetU32(m_reply.data() + 8) != static_cast<uint32_t>(n)) {
         BuryLocked("its start", true);
         return false;

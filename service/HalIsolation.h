@@ -18,7 +18,9 @@
 //   - the command table's rows carry a stand-in address for each function the host exports
 //     (calling it directly returns 1001): the daemon never maps the vendor library itself;
 //   - HalMalloc returns null and HalFree returns 1, as for a library without those functions:
-//     a block of the host's memory means nothing in this process.
+//     a block of the host's memory means nothing in this process;
+//   - SFService::ExcecuteFunc, called by a host program's own code with the service's parser,
+//     finds nothing loaded: such code must go through Execute.
 enum HalIsolation {
     HAL_ISOLATION_NONE = 0,
     HAL_ISOLATION_PROCESS = 1,

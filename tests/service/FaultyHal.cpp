@@ -1,6 +1,7 @@
 // A HAL with one fault per function, as vendor code written in a hurry has them.
 #include <dirent.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -85,4 +86,10 @@ FAULTY_EXPORT int fds_cmd(std::vector<char>*, std::vector<char>* out) {
     }
     closedir(dir);
     return 0;
+}
+
+// Writes onto the host's channel itself: a reply that claims a gigabyte of output.
+FAULTY_EXPORT int lie_cmd(std::vector<char>*, std::vector<char>*) {
+    const unsigned header[3] = {3, 0, 1u << 30};
+    return send(3, header, sizeof header, MSG_NOSIGNAL) < 0 ? 1 : 0;
 }

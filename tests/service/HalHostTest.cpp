@@ -74,6 +74,13 @@ TEST_F(HostCase, CallsLookupsAndTheHostsDescriptors) {
     EXPECT_EQ("0:/dev/null;1:/dev/null;2:/dev/null;3:socket:", fds.substr(0, 45)) << fds;
     EXPECT_EQ(std::string::npos, fds.find(";4:")) << fds;
     EXPECT_EQ("", DeathLine());
+    // A HAL that writes onto the channel itself is not believed: its host goes.
+    EXPECT_EQ("", Ask("lie_cmd", rc));
+    EXPECT_EQ(1001, rc);
+    EXPECT_TRUE(log.Has("MISC_SERVICE HAL host sent a malformed answer (12 bytes) to lie_cmd",
+                        "HalHost", 4))
+        << log.Dump();
+    EXPECT_EQ("OK:", Ask("ok_cmd", rc));
 }
 
 TEST_F(HostCase, HostThatDiesInACallIsReportedAndReplaced) {
