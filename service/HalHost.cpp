@@ -292,9 +292,8 @@ void HalHost::BuryLocked(const std::string& what, bool failedToStart) {
     m_fd = -1;
     m_pid = -1;
     if (m_bAborted) {
-        LogMessage(3, "VORN", "HalHost").stream()
-            << m_strServiceName << " HAL host (pid " << pid << ") " << why
-            << "; a new one starts with the next call";
+        LogMessage(3, "VORN", "HalHost").stream() << m_strServiceName << " HAL host (pid " << pid
+                                                  << ") " << why << "; a new one is started";
         m_bAborted = false;
         return;
     }
@@ -318,11 +317,15 @@ void HalHost::BuryLocked(const std::string& what, bool failedToStart) {
 int HalHost::Transact(std::unique_lock<std::mutex>& lock, uint32_t kind, const std::string& name,
                       const std::vector<char>& in, int receiveLimitMs, const std::string& what) {
     // One round trip at a time: a request thread that the timeout replaced may still be
-    // finishing its aborted call.
-    m_idle.wait(lock, [this] { return !m_bBusy || m_bStopped; });
+    // finishing its aborted call, or starting the next host. An Abort meanwhile is meant for
+    // this caller too: only a timed-out request's thread can be in here when one comes.
+    const uint64_t epoch = m_nAbortEpoch;
+    m_idle.wait(lock, [&] { return !m_bBusy || m_bStopped || m_nAbortEpoch != epoch; });
     if (m_bStopped) return 1001;
-    if (m_pid <= 0 && !StartLocked(lock)) return 1001;
+    if (m_nAbortEpoch != epoch) return kAborted;
+    if (m_pid <= 0 && !StartLocked(lock)) return m_nAbortEpoch != epoch ? kAborted : 1001;
     if (m_bStopped || m_pid <= 0) return 1001;
+    if (m_nAbortEpoch != epoch) return kAborted;
     char header[kHeader];
     PutU32(header, kind);
     PutU32(header + 4, static_cast<uint32_t>(name.size()));
@@ -363,6 +366,10 @@ int HalHost::Transact(std::unique_lock<std::mutex>& lock, uint32_t kind, const s
                 << m_strServiceName << " HAL host sent a malformed answer (" << n << " bytes) to "
                 << what;
         BuryLocked(what, false);
+        // A timeout's host is replaced at once, by the thread that was taken away (its request
+        // was answered already), so the next request finds one ready; after a death the next
+        // call starts one, so that the answer is not held up.
+        if (aborted && !m_bStopped) StartLocked(lock);
         return aborted ? kAborted : 1001;
     }
     return 0;
@@ -409,6 +416,8 @@ int HalHost::Call(const std::string& name, const std::vector<char>& in, std::vec
 
 void HalHost::Abort() {
     std::lock_guard<std::mutex> lock(m_lock);
+    ++m_nAbortEpoch;
+    m_idle.notify_all();
     if (!m_bBusy || m_bAborted || m_pid <= 0) return;
     m_bAborted = true;
     kill(-m_pid, SIGKILL);

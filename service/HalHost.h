@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -56,9 +57,10 @@ public:
     // aborted: the service's timeout bounds it through Abort.
     int Call(const std::string& name, const std::vector<char>& in, std::vector<char>& out);
     // Thread-safe. If a call is in flight, kills the host (and its process group), so the call
-    // returns kAborted at once; the next call starts a new host. Without a call in flight it
-    // does nothing. The caller makes sure the call in flight is the one it means (the timeout
-    // path holds the request thread while it decides).
+    // returns kAborted at once, and a new host is started for the next call. A call waiting
+    // for the channel returns kAborted too. Without a call it does nothing. The caller makes
+    // sure the call is the one it means (the timeout path holds the request thread while it
+    // decides).
     void Abort();
     // Kills the host for good; calls return 1001 from now on.
     void Stop();
@@ -84,6 +86,7 @@ private:
     int m_fd = -1;                   // our end of the channel; closed only under m_lock
     bool m_bBusy = false;            // a round trip is in flight: its caller owns the channel
     bool m_bAborted = false;         // Abort took the round trip in flight away
+    uint64_t m_nAbortEpoch = 0;      // counts Aborts: callers waiting for the channel give up
     bool m_bStopped = false;
     bool m_bAnswered = false;  // the running host has answered a call since its start
     int m_nQuickDeaths = 0;    // deaths in a row of hosts that never answered a call
