@@ -189,8 +189,9 @@ bool HalHost::StartLocked(std::unique_lock<std::mutex>& lock) {
         return false;
     }
     int hostEnd = pair[1];
-    if (hostEnd == kChannelFd) {
-        // dup2 onto itself would keep close-on-exec: move it out of the way first.
+    if (hostEnd <= kChannelFd) {
+        // dup2 onto itself would keep close-on-exec, and a daemon started without its standard
+        // streams gets low numbers that the streams' opens below would replace: move it up.
         const int moved = fcntl(hostEnd, F_DUPFD_CLOEXEC, kChannelFd + 1);
         close(hostEnd);
         hostEnd = moved;
