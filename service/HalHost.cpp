@@ -415,15 +415,16 @@ int HalHost::Call(const std::string& name, const std::vector<char>& in, std::vec
     return m_nReplyResult;
 }
 
-void HalHost::Abort() {
+bool HalHost::Abort() {
     std::lock_guard<std::mutex> lock(m_lock);
     ++m_nAbortEpoch;
     m_idle.notify_all();
-    if (!m_bBusy || m_bAborted || m_pid <= 0) return;
+    if (!m_bBusy || m_bAborted || m_pid <= 0) return false;
     m_bAborted = true;
     kill(-m_pid, SIGKILL);
     // A process the HAL forked outside the group may still hold the host's end.
     shutdown(m_fd, SHUT_RDWR);
+    return true;
 }
 
 void HalHost::Stop() {

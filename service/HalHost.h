@@ -60,8 +60,8 @@ public:
     // returns kAborted at once, and a new host is started for the next call. A call waiting
     // for the channel returns kAborted too. Without a call it does nothing. The caller makes
     // sure the call is the one it means (the timeout path holds the request thread while it
-    // decides).
-    void Abort();
+    // decides). True when it killed a host.
+    bool Abort();
     // Kills the host for good; calls return 1001 from now on.
     void Stop();
 
