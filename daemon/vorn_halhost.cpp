@@ -8,6 +8,7 @@
 // hangs or spins here costs the daemon one process, which the daemon kills or replaces.
 #include <dirent.h>
 #include <dlfcn.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -19,6 +20,7 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "service/HalChannel.h"
@@ -84,6 +86,18 @@ int main(int argc, char** argv) {
     channel.dev = st.st_dev;
     channel.ino = st.st_ino;
     CloseStrayDescriptors();
+    // The daemon's end of the channel closes when the daemon ends, however it ends (SIGKILL
+    // included): a host stuck or spinning in a HAL call then leaves too, instead of living on
+    // with nobody to answer. The thread only waits; it reads nothing.
+    std::thread([] {
+        pollfd end{kChannelFd, POLLRDHUP, 0};
+        for (;;) {
+            const int rc = poll(&end, 1, -1);
+            if (rc < 0 && errno == EINTR) continue;
+            if (rc < 0 || (end.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)))
+                _exit(kChannelLost);
+        }
+    }).detach();
 
     void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
     if (library) {

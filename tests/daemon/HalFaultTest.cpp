@@ -191,6 +191,16 @@ TEST_F(HalFaults, ForkedChildEndsWithTheDaemonAndTheSocketNameIsFreeAfterwards) 
     EXPECT_EQ(0, r.result);
 }
 
+TEST_F(HalFaults, HostInAHungCallEndsWhenTheDaemonIsKilled) {
+    Start();
+    const std::vector<pid_t> hosts = Children(daemon.Pid());
+    ASSERT_TRUE(client.Send("JXT+HANG"));
+    usleep(100000);  // well inside the call, well before its timeout
+    daemon.Signal(SIGKILL);
+    ASSERT_TRUE(daemon.Wait(2000ms));
+    for (pid_t host : hosts) EXPECT_TRUE(Await([&] { return !Running(host); })) << host;
+}
+
 TEST_F(HalFaults, InProcessModeRunsTheHalInsideTheDaemonAndSurvivesAHang) {
     Start({"--hal-isolation=none"});
     EXPECT_TRUE(Children(daemon.Pid()).empty());
