@@ -32,6 +32,7 @@
 #include "routing/ContextWrapper.h"
 #include "routing/SFServiceManager.h"
 
+#include "service/HalIsolation.h"
 #include "service/MessageQueue.h"
 #include "service/SFService.h"
 #include "service/SFServiceMonitorRunnable.h"

@@ -1,9 +1,10 @@
 // vorn_bench: the daemon's round trip against a raw socket echo, plus start-up, memory and idle
 // figures, all in one run.
 //
-// Every latency case is measured twice with the same bytes: against a minimal echo server on a
-// raw abstract stream socket (a forked child, blocking read and one reply per read), and against
-// a running vornd. The two are measured in alternating blocks, so that both see the same state
+// Every latency case is measured with the same bytes against a minimal echo server on a raw
+// abstract stream socket (a forked child, blocking read and one reply per read), against a
+// running vornd (its HAL in host processes, vornd's default) and against the same vornd with
+// --hal-isolation=none. The two are measured in alternating blocks, so that both see the same state
 // of the machine, and each daemon figure is printed as a ratio to the echo figure.
 #include <dirent.h>
 #include <fcntl.h>
@@ -90,7 +91,8 @@ void Usage(const char* self) {
         "  --pid PID           the process behind --attach\n"
         "  --quick             2000 round trips, 3 start-ups, 2 idle seconds\n"
         "  --check             exit 1 when a target is missed (JXT p50 ratio > 2.5,\n"
-        "                      RSS >= 8 MiB, idle ticks > 0)\n",
+        "                      RSS >= 8 MiB, idle ticks > 0, \"JXT+GSENSOR=1\" through the HAL\n"
+        "                      hosts > 2x the same vornd with --hal-isolation=none)\n",
         self);
 }
 
@@ -555,6 +557,7 @@ long long CpuNanos(pid_t pid);
 // one case collected from it.
 struct Server {
     std::string label;
+    std::string socket;
     Conn conn;
     pid_t pid = -1;
     uint32_t expectedR = 0;
@@ -797,6 +800,27 @@ long long CpuNanos(pid_t pid) {
     return ticks < 0 ? -1 : ticks * (1000000000LL / sysconf(_SC_CLK_TCK));
 }
 
+// The processes whose parent is `parent`: vornd's HAL hosts.
+std::vector<pid_t> ChildrenOf(pid_t parent) {
+    std::vector<pid_t> children;
+    if (DIR* d = opendir("/proc")) {
+        while (dirent* e = readdir(d)) {
+            const pid_t pid = std::atoi(e->d_name);
+            if (pid <= 0) continue;
+            std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+            std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            const size_t close = all.rfind(')');
+            if (close == std::string::npos) continue;
+            std::istringstream rest(all.substr(close + 2));
+            std::string state;
+            long ppid = 0;
+            if (rest >> state >> ppid && ppid == parent) children.push_back(pid);
+        }
+        closedir(d);
+    }
+    return children;
+}
+
 std::string ThreadsOf(pid_t pid) {
     long n = StatusKiB(pid, "Threads");
     return n < 0 ? "?" : std::to_string(n);
@@ -822,6 +846,11 @@ struct Report {
     double startupMedian = -1;
     long rssKiB = -1, hwmKiB = -1;
     long long idleTicks = -1;
+    // vornd with its HAL hosts (one process per service), and the isolation's price.
+    size_t hosts = 0;
+    long rssWithHostsKiB = -1;
+    long long idleTicksWithHosts = -1;
+    double isolatedGsensorRatio = -1;  // "JXT+GSENSOR=1" p50, HAL hosts to HAL in-process
     int idleSeconds = 0;
     std::string threads = "?";
     std::vector<std::string> errors;
@@ -884,6 +913,14 @@ void PrintTable(const Report& r) {
     std::printf("| processor time over %d idle s (utime+stime) | %s ticks | 0 |\n", r.idleSeconds,
                 r.idleTicks < 0 ? "-" : std::to_string(r.idleTicks).c_str());
     std::printf("| threads | %s | |\n", r.threads.c_str());
+    std::printf("| vornd with its %zu HAL hosts: resident memory (VmRSS) | %s KiB | |\n", r.hosts,
+                r.rssWithHostsKiB < 0 ? "-" : std::to_string(r.rssWithHostsKiB).c_str());
+    std::printf("| vornd with its HAL hosts: processor time over %d idle s | %s ticks | 0 |\n",
+                r.idleSeconds,
+                r.idleTicksWithHosts < 0 ? "-" : std::to_string(r.idleTicksWithHosts).c_str());
+    std::printf(
+        "| \"JXT+GSENSOR=1\" p50, HAL hosts to HAL in-process | %s | <= 2.00x |\n",
+        r.isolatedGsensorRatio < 0 ? "-" : (Fixed(r.isolatedGsensorRatio, 2) + "x").c_str());
 }
 
 std::string MachineLine() {
@@ -953,10 +990,19 @@ int main(int argc, char** argv) {
     Report report;
     report.idleSeconds = opt.idleSeconds;
 
-    Daemon daemon, baseline;
+    Daemon daemon, baseline, inProcess;
     const bool attached = !opt.attach.empty();
     const std::string daemonName = attached ? opt.attach : SocketName("vornd");
     const std::string baselineName = SocketName("baseline");
+    // The same vornd with its HAL inside it: what the HAL hosts cost, in the same run.
+    const std::string inProcessName = SocketName("inprocess");
+    std::vector<std::string> inProcessArgs = opt.vorndArgs;
+    inProcessArgs.push_back("--hal-isolation=none");
+    if (!attached && !inProcess.Spawn(opt, opt.vornd, inProcessArgs, inProcessName)) {
+        std::fprintf(stderr, "vorn_bench: cannot spawn %s\n", opt.vornd.c_str());
+        stopEcho();
+        return 1;
+    }
     if (!attached && !daemon.Spawn(opt, opt.vornd, opt.vorndArgs, daemonName)) {
         std::fprintf(stderr, "vorn_bench: cannot spawn %s\n", opt.vornd.c_str());
         stopEcho();
@@ -975,6 +1021,7 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < echoNames.size(); ++i) {
         Server sv;
         sv.label = echoLabels[i];
+        sv.socket = echoNames[i];
         sv.conn = Conn(Connect(echoNames[i]));
         sv.pid = echoPids[i];
         servers.push_back(std::move(sv));
@@ -982,13 +1029,23 @@ int main(int argc, char** argv) {
     if (!opt.baseline.empty()) {
         Server sv;
         sv.label = "vornd (baseline)";
+        sv.socket = baselineName;
         sv.conn = ConnectWithin(baselineName, &baseline, std::chrono::seconds(10));
         sv.pid = baseline.pid();
+        servers.push_back(std::move(sv));
+    }
+    if (!attached) {
+        Server sv;
+        sv.label = "vornd, HAL in-process";
+        sv.socket = inProcessName;
+        sv.conn = ConnectWithin(inProcessName, &inProcess, std::chrono::seconds(10));
+        sv.pid = inProcess.pid();
         servers.push_back(std::move(sv));
     }
     {
         Server sv;
         sv.label = "vornd";
+        sv.socket = daemonName;
         sv.conn = ConnectWithin(daemonName, attached ? nullptr : &daemon, std::chrono::seconds(10));
         sv.pid = daemonPid;
         servers.push_back(std::move(sv));
@@ -1032,9 +1089,7 @@ int main(int argc, char** argv) {
         std::vector<std::vector<Conn>> groups(which.size());
         bool ok = true;
         for (size_t g = 0; g < which.size(); ++g) {
-            const std::string& name = which[g] == 0                        ? echoNames[0]
-                                      : servers[which[g]].pid == daemonPid ? daemonName
-                                                                           : baselineName;
+            const std::string& name = servers[which[g]].socket;
             for (int i = 0; i < 3; ++i) groups[g].emplace_back(Connect(name));
             groups[g].push_back(std::move(servers[which[g]].conn));
             ok = ok && std::all_of(groups[g].begin(), groups[g].end(),
@@ -1073,9 +1128,29 @@ int main(int argc, char** argv) {
                         report.rssKiB, report.hwmKiB, report.threads.c_str());
             std::printf("idle processor time      %lld ticks over %d s\n", report.idleTicks,
                         opt.idleSeconds);
+            // Again with its HAL hosts counted in.
+            const std::vector<pid_t> hosts = ChildrenOf(daemonPid);
+            report.hosts = hosts.size();
+            long rss = report.rssKiB;
+            long long before2 = CpuTicks(daemonPid);
+            std::vector<long long> hostBefore;
+            for (pid_t h : hosts) {
+                const long kib = StatusKiB(h, "VmRSS");
+                rss = (rss < 0 || kib < 0) ? -1 : rss + kib;
+                hostBefore.push_back(CpuTicks(h));
+            }
+            report.rssWithHostsKiB = rss;
+            std::this_thread::sleep_for(std::chrono::seconds(opt.idleSeconds));
+            long long ticks = CpuTicks(daemonPid) - before2;
+            for (size_t i = 0; i < hosts.size(); ++i) ticks += CpuTicks(hosts[i]) - hostBefore[i];
+            report.idleTicksWithHosts = ticks;
+            std::printf(
+                "with %zu HAL hosts        VmRSS %ld KiB together, %lld ticks over %d idle s\n",
+                report.hosts, report.rssWithHostsKiB, report.idleTicksWithHosts, opt.idleSeconds);
         }
     }
     servers.clear();
+    inProcess.Stop();
     baseline.Stop();
     int status = daemon.Stop();
     if (status != 0) {
@@ -1101,6 +1176,18 @@ int main(int argc, char** argv) {
     }
     stopEcho();
 
+    // The HAL hosts' price: "JXT+GSENSOR=1" through them against the HAL in vornd (target 2x).
+    if (report.cases.size() > 1 && report.cases[1].error.empty() && !attached) {
+        const auto& f = report.cases[1].figures;
+        report.isolatedGsensorRatio = f.back().lat.p50 / f[f.size() - 2].lat.p50;
+        std::printf(
+            "HAL hosts: \"JXT+GSENSOR=1\" p50 %.1f us against %.1f us in-process: %s "
+            "(target <= 2.00x): %s; idle ticks with hosts %lld == 0: %s\n",
+            f.back().lat.p50, f[f.size() - 2].lat.p50,
+            Ratio(f.back().lat.p50, f[f.size() - 2].lat.p50).c_str(),
+            report.isolatedGsensorRatio <= 2.0 ? "met" : "MISSED", report.idleTicksWithHosts,
+            report.idleTicksWithHosts == 0 ? "met" : "MISSED");
+    }
     PrintTable(report);
     std::printf("\nmachine: %s\n", MachineLine().c_str());
     for (const std::string& e : report.errors) std::printf("error: %s\n", e.c_str());
@@ -1123,7 +1210,10 @@ int main(int argc, char** argv) {
         report.idleTicks, report.idleTicks == 0 ? "met" : "MISSED");
     if (jxt && jxt->error.empty() && !opt.baseline.empty()) {
         const Figure& now = jxt->figures.back();
-        const Figure& old = jxt->figures[jxt->figures.size() - 2];
+        const size_t at = static_cast<size_t>(
+            std::find(report.labels.begin(), report.labels.end(), "vornd (baseline)") -
+            report.labels.begin());
+        const Figure& old = jxt->figures[std::min(at, jxt->figures.size() - 1)];
         std::printf("vornd / baseline: \"JXT\" p50 %s, p99 %s, cpu per command %s\n",
                     Ratio(now.lat.p50, old.lat.p50).c_str(),
                     Ratio(now.lat.p99, old.lat.p99).c_str(),
@@ -1131,7 +1221,8 @@ int main(int argc, char** argv) {
     }
     if (opt.check) {
         failed = failed || ratio < 0 || ratio > 2.5 || report.rssKiB < 0 || report.rssKiB >= 8192 ||
-                 report.idleTicks != 0;
+                 report.idleTicks != 0 || report.isolatedGsensorRatio > 2.0 ||
+                 report.idleTicksWithHosts > 0;
     }
     return failed ? 1 : 0;
 }

@@ -33,11 +33,13 @@ install(DIRECTORY
     PATTERN "ServiceManagerLock.h" EXCLUDE
     PATTERN "ReplyRoute.h" EXCLUDE
     PATTERN "ServiceCore.h" EXCLUDE
+    PATTERN "HalChannel.h" EXCLUDE
+    PATTERN "HalHost.h" EXCLUDE
     PATTERN "ServiceRequest.h" EXCLUDE)
 
 # The daemon, the client and the sample HAL; the HAL sits next to libvorn_core.so, where the
 # library's RUNPATH ($ORIGIN) finds the bare name "libvorn_hal.so".
-foreach(tool vornd vornctl)
+foreach(tool vornd vornctl vorn_halhost)
     if(TARGET ${tool})
         install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
     endif()

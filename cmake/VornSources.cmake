@@ -22,6 +22,7 @@ set(VORN_CORE_SOURCES
     routing/ContextWrapper.cpp
     routing/SFServiceManager.cpp
     service/ServiceCore.cpp
+    service/HalHost.cpp
     service/ServiceThread.cpp
     service/SFService.cpp
     service/SFServiceQueue.cpp

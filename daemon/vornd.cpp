@@ -65,6 +65,8 @@ struct Options {
     std::vector<gid_t> allowGids;
     bool help = false;
     bool version = false;
+    // The HAL runs in a host process per service unless --hal-isolation=none.
+    bool halIsolation = true;
 };
 
 const char kBuiltInConfig[] = "/vendor/etc/vorn.json";
@@ -208,6 +210,17 @@ const OptionRow kOptions[] = {
      [](Options& opt, const std::string& v) { return ParseIds("--allow-uid", v, opt.allowUids); }},
     {"allow-gid", 0, "LIST", "only peers with one of these group ids or names may connect",
      [](Options& opt, const std::string& v) { return ParseIds("--allow-gid", v, opt.allowGids); }},
+    {"hal-isolation", 0, "MODE",
+     "process (default): each service's HAL runs in a host process of its own, so its crash, "
+     "hang or spin costs only that process; none: the HAL runs inside vornd",
+     [](Options& opt, const std::string& v) {
+         if (v != "process" && v != "none") {
+             std::cerr << "vornd: --hal-isolation takes process or none, not \"" << v << "\"\n";
+             return false;
+         }
+         opt.halIsolation = v == "process";
+         return true;
+     }},
     {"check-config", 0, "FILE", "check FILE strictly, one line per problem; exit 1 if any",
      [](Options& opt, const std::string& v) {
          if (v.empty()) {
@@ -472,6 +485,17 @@ bool ApplyConfigFile(ConfigManager& cfg, const std::string& path) {
     return false;
 }
 
+// vorn_halhost is installed beside vornd (both in the build tree's bin/ too).
+std::string HalHostPath() {
+    char self[4096];
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) return "vorn_halhost";
+    std::string path(self, static_cast<size_t>(n));
+    const size_t slash = path.rfind('/');
+    return (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) +
+           "vorn_halhost";
+}
+
 const char* SignalName(int signo) {
     switch (signo) {
         case SIGTERM:
@@ -547,6 +571,18 @@ int main(int argc, char** argv) {
         LogQueue::Get().Flush(std::chrono::milliseconds(200));
 #endif
     };
+
+    // Before any service exists: each takes the setting when it is constructed.
+    if (opt.halIsolation) {
+        const std::string hostPath = HalHostPath();
+        if (access(hostPath.c_str(), X_OK) != 0) {
+            std::cerr << "vornd: the HAL host program \"" << hostPath << "\" cannot be run ("
+                      << strerror(errno) << "); reinstall, or run the HAL inside vornd with "
+                      << "--hal-isolation=none\n";
+            return 1;
+        }
+        SetHalIsolation(HAL_ISOLATION_PROCESS, hostPath.c_str());
+    }
 
     std::unique_ptr<DaemonCmdIO> cmdio(new DaemonCmdIO(opt.socketName.c_str(), opt));
     if (!cmdio->IsListening()) {

@@ -31,7 +31,9 @@ if [ -z "$table" ]; then
 fi
 
 mentions() {  # TEXT OPTION: the option as a whole word, not the start of a longer one
-    printf '%s\n' "$1" | grep -q -E -- "$2([^a-z0-9-]|\$)"
+    # Not through a pipe: grep -q leaves at the first match, and with pipefail a printf still
+    # writing a long text would then fail the check.
+    grep -q -E -- "$2([^a-z0-9-]|\$)" <<<"$1"
 }
 for option in $options; do
     if ! mentions "$man_text" "$option"; then

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "platform/LogMessage.h"
+#include "service/HalHost.h"
 #include "service/ServiceCore.h"
 
 namespace {
@@ -174,6 +175,8 @@ void SFService::StopServiceThreads() {
 
 SFService::~SFService() {
     StopServiceThreads();
+    // HAL isolation: the host goes with the service; a call still in it returns at once.
+    if (HalHost* host = m_pCore->GetHalHost()) host->Stop();
     ClearMessageQueue();
     if (m_nMsgPipeR != -1) {
         LogMessage(3, "VORN", "~SFService").stream() << "Stop error: m_nMsgPipeR is -1";

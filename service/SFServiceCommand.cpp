@@ -9,7 +9,9 @@
 #include "platform/LogMessage.h"
 #include "routing/ContextWrapper.h"
 #include "routing/SFServiceManager.h"
+#include "service/HalHost.h"
 #include "service/SFService.h"
+#include "service/ServiceCore.h"
 
 namespace {
 constexpr size_t kNameField = sizeof(cmd_entry::command);  // 128, terminator included
@@ -56,11 +58,17 @@ void SFService::insert(DataDirection direction, int timeout, const char* command
 void SFService::insertCmd(ServiceId id) {
     ConfigManager* cfg = GetConfigManager();
     if (!cfg || !cfg->IsSupport(id)) return;
-    m_pDllParser->Load(cfg->GetLibPath(id));
+    // HAL isolation: the library is loaded by the service's HAL host, never in this process;
+    // a row of a function that the host exports gets a stand-in address (HalHost.h).
+    const std::shared_ptr<HalHost> host = HalHost::Start(m_strServiceName, cfg->GetLibPath(id));
+    Core()->SetHalHost(host);
+    if (!host) m_pDllParser->Load(cfg->GetLibPath(id));
     std::vector<cmd_info>* list = cfg->GetWhiteList(id);
     if (!list) return;
     for (const cmd_info& entry : *list) {
-        void* soFunc = m_pDllParser->GetFunction(entry.func);
+        void* soFunc = !host                          ? m_pDllParser->GetFunction(entry.func)
+                       : host->IsExported(entry.func) ? HalHost::ExportedToken()
+                                                      : nullptr;
         insert(DATA_REQUEST, static_cast<int>(entry.timeout), entry.command.c_str(), nullptr,
                soFunc, entry.func.c_str(), true);
     }

@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "platform/LogMessage.h"
+#include "service/HalHost.h"
 #include "service/SFService.h"
 #include "service/ServiceCore.h"
 
@@ -54,7 +55,42 @@ bool SFService::UnwindingCaller::ServiceGone() const {
     return t && t->Left();
 }
 
+namespace {
+// HAL isolation: the call goes to the service's HAL host. The same answers and lines as a call
+// in this process: 1001 without a line for a function the library does not export, then
+// "Execute(name)", then the function's result; and 1001 when the host died in the call.
+int ExecuteInHost(HalHost& host, const std::string& tag, const std::string& funcName,
+                  std::vector<char>* in, std::vector<char>* out) {
+    if (!host.IsExported(funcName)) return 1001;
+    if (LogMessage::IsOn(2))
+        LogMessage(2, tag.c_str(), "ExcecuteFunc").stream() << "Execute(" << funcName << ")";
+    static const std::vector<char> kNothing;
+    std::vector<char> discard;
+    // Outside the service while the host runs, as around a call in this process: the
+    // service's destruction does not wait for the call, it kills the host.
+    struct Return {
+        ~Return() { SFService::ReturnFromHal(); }
+    } comeBack;
+    // A timeout of the request kills the host, so the call returns at once and its thread
+    // leaves instead of staying behind. The hook goes with the call: a timeout that comes
+    // later (while the result is converted) must not kill the next request's host.
+    struct Cancel {
+        explicit Cancel(HalHost& host) : ticket(ServiceCore::Ticket::Current()) {
+            if (ticket) ticket->SetCancel([&host] { host.Abort(); });
+        }
+        ~Cancel() {
+            if (ticket) ticket->SetCancel(nullptr);
+        }
+        ServiceCore::Ticket* const ticket;
+    } cancel(host);
+    SFService::DetachFromService();
+    return host.Call(funcName, in ? *in : kNothing, out ? *out : discard);
+}
+}  // namespace
+
 int SFService::Execute(std::string funcName, std::vector<char>* in, std::vector<char>* out) {
+    if (HalHost* host = Core()->GetHalHost())
+        return ExecuteInHost(*host, m_pDllParser->GetTag(), funcName, in, out);
     if (!m_pDllParser->GetFunction(funcName)) return 1001;
     try {
         return ExcecuteFunc<int, std::vector<char>*, std::vector<char>*>(m_pDllParser, funcName, in,
@@ -69,6 +105,9 @@ int SFService::Execute(std::string funcName, std::vector<char>* in, std::vector<
     return 1001;
 }
 
+// With HAL isolation the library is not mapped here (m_pDllParser has nothing loaded), so both
+// answer as for a library without the functions: a block of the host's memory would mean
+// nothing in this process.
 void* SFService::HalMalloc(int size) {
     if (!m_pDllParser->GetFunction("vorn_hal_malloc")) return nullptr;
     try {

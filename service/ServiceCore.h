@@ -14,6 +14,7 @@
 
 #include "io/ReplyRoute.h"
 
+class HalHost;
 class SFService;
 class SFMessage;
 
@@ -161,6 +162,11 @@ public:
     // The sender of the current request (for replies queued through the public EnQueue).
     ClientRef CurrentSender();
 
+    // The service's HAL host when its HAL runs out of process, else null. Set once by
+    // insertCmd, before the service takes requests; read without the lock afterwards.
+    void SetHalHost(std::shared_ptr<HalHost> host) { m_halHost = std::move(host); }
+    HalHost* GetHalHost() const { return m_halHost.get(); }
+
     // For a look from outside (tests, diagnostics).
     std::shared_ptr<Ticket> RunningTicket();
     int LeftBehind();
@@ -173,6 +179,7 @@ private:
     SFService* const m_service;  // used only by threads counted busy
     const std::string m_strName;
     const int m_nTimerFd;  // CLOCK_MONOTONIC, armed for the current request
+    std::shared_ptr<HalHost> m_halHost;
     std::shared_ptr<ServiceCore> m_owner;
 
     std::mutex m_holdersLock;              // see HoldersLock

@@ -260,14 +260,14 @@ TEST_F(SocketFrontEnd, SlowReaderStillGetsEveryReply) {
     EXPECT_FALSE(LogHas("dropped"));
 }
 
-// A HAL function that closes descriptors 3..20 takes the listening socket with it: vornd says
-// so and leaves with status 1, so that its supervisor starts a fresh one.
+// A HAL function run inside vornd that closes descriptors 3..20 takes the listening socket with
+// it: vornd says so and leaves with status 1, so that its supervisor starts a fresh one.
 TEST_F(SocketFrontEnd, LostListenerEndsVorndWithStatusOne) {
     const std::string config = dir.Write(
         "closing.json", std::string("{ \"misc\": { \"libpath\": \"") + VORN_TEST_HAL_PATH +
                             "\", \"whitelist\": [ { \"command\": \"JXT+CLOSEFDS\", "
                             "\"func\": \"close_fds_cmd\" } ] } }");
-    Launch({"--config", config});
+    Launch({"--config", config, "--hal-isolation=none"});
     ASSERT_TRUE(client.Send("JXT+CLOSEFDS"));
     // A connection attempt wakes the loop, which finds the listener gone or replaced.
     EXPECT_TRUE(Await(
