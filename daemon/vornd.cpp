@@ -67,6 +67,8 @@ struct Options {
     bool version = false;
     // The HAL runs in a host process per service unless --hal-isolation=none.
     bool halIsolation = true;
+    // Threads that HAL calls past their timeout may hold per service (--hal-isolation=none).
+    int heldCallLimit = 8;
 };
 
 const char kBuiltInConfig[] = "/vendor/etc/vorn.json";
@@ -220,6 +222,12 @@ const OptionRow kOptions[] = {
          }
          opt.halIsolation = v == "process";
          return true;
+     }},
+    {"held-call-limit", 0, "N",
+     "with --hal-isolation=none: once N threads per service are held by HAL calls past their "
+     "timeout, answer HAL commands 1009 until one returns (default 8; 0: no limit)",
+     [](Options& opt, const std::string& v) {
+         return ParseBounded("--held-call-limit", v, 1000, "", opt.heldCallLimit);
      }},
     {"check-config", 0, "FILE", "check FILE strictly, one line per problem; exit 1 if any",
      [](Options& opt, const std::string& v) {
@@ -532,6 +540,7 @@ int main(int argc, char** argv) {
 
     LogMessage::SetMinSeverity(opt.logLevel);
     if (opt.queueSpinMicros >= 0) SetQueueSpinMicros(opt.queueSpinMicros);
+    SetHeldCallLimit(opt.heldCallLimit);
 
     if (!opt.checkPath.empty()) return CheckConfig(opt.checkPath);
 

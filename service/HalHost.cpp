@@ -112,6 +112,14 @@ void SetHalIsolation(HalIsolation mode, const char* hostPath) {
 
 HalIsolation GetHalIsolation() { return static_cast<HalIsolation>(g_mode.load()); }
 
+namespace {
+std::atomic<int> g_heldCallLimit{0};  // written by the host, read by the request threads
+}  // namespace
+
+void SetHeldCallLimit(int threads) { g_heldCallLimit.store(threads < 0 ? 0 : threads); }
+
+int GetHeldCallLimit() { return g_heldCallLimit.load(); }
+
 std::shared_ptr<HalHost> HalHost::Start(const std::string& serviceName,
                                         const std::string& libPath) {
     if (GetHalIsolation() != HAL_ISOLATION_PROCESS) return nullptr;

@@ -30,4 +30,12 @@ enum HalIsolation {
 VORN_EXPORT void SetHalIsolation(HalIsolation mode, const char* hostPath);
 VORN_EXPORT HalIsolation GetHalIsolation();
 
+// With the HAL in this process, a call that outlives its timeout keeps its thread until it
+// returns. A limit above 0 bounds those threads per service: while that many are held, the
+// service answers its HAL-backed commands with 1009 ("Out of range") and says so once per
+// burst, until one comes back. 0 (the library's default) sets no bound, and every command is
+// called as always. Process-wide; vornd sets 8.
+VORN_EXPORT void SetHeldCallLimit(int threads);
+VORN_EXPORT int GetHeldCallLimit();
+
 #endif

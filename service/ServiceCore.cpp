@@ -10,6 +10,7 @@
 
 #include "core/SFMessage.h"
 #include "platform/LogMessage.h"
+#include "service/HalIsolation.h"
 #include "service/MessageQueue.h"
 #include "service/SFService.h"
 
@@ -320,17 +321,19 @@ void ServiceCore::Leave(Ticket& t) {
         t.m_bInside = false;
         if (--m_nBusy == 0) m_changed.notify_all();
     }
-    if (t.GetState() == Ticket::TIMED_OUT && --m_nLeftBehind < kMaxLeftBehind && m_nRefused > 0) {
+    if (t.GetState() == Ticket::TIMED_OUT && --m_nLeftBehind < GetHeldCallLimit() &&
+        m_nRefused > 0) {
         LogMessage(3, "VORN", "HandleRequest").stream()
             << m_strName << " serves HAL-backed commands again; " << m_nRefused << " refused while "
-            << kMaxLeftBehind << " threads were held by HAL calls";
+            << GetHeldCallLimit() << " threads were held by HAL calls";
         m_nRefused = 0;
     }
 }
 
 bool ServiceCore::RefuseHalCall() {
     std::lock_guard<std::mutex> lock(m_lock);
-    if (m_nLeftBehind < kMaxLeftBehind) return false;
+    const int limit = GetHeldCallLimit();
+    if (limit <= 0 || m_nLeftBehind < limit) return false;
     if (m_nRefused++ == 0)
         LogMessage(4, "VORN", "HandleRequest").stream()
             << m_strName << " refuses HAL-backed commands with 1009: " << m_nLeftBehind

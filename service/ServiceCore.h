@@ -83,10 +83,6 @@ public:
         std::function<void()> m_cancel;
     };
 
-    // Threads that timeouts may leave behind in HAL calls, per service. Once that many are
-    // held, the service refuses HAL-backed commands with 1009 until one comes back.
-    static constexpr int kMaxLeftBehind = 8;
-
     static std::shared_ptr<ServiceCore> Create(SFService* service, const std::string& name);
     ~ServiceCore();
     ServiceCore(const ServiceCore&) = delete;
@@ -136,7 +132,8 @@ public:
     // The end of the handler: true when the request is still this thread's, which then
     // answers it; false when the thread must leave without touching the service.
     bool Finish(Ticket& t);
-    // True when kMaxLeftBehind threads are still held by HAL calls that timed out.
+    // True when the host's limit (GetHeldCallLimit) of threads is still held by HAL calls that
+    // timed out.
     bool RefuseHalCall();
 
     // The monitor.

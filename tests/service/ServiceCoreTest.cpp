@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "EngineHarness.h"
+#include "service/HalIsolation.h"
 #include "service/ServiceCore.h"
 
 using namespace vorn_test;
@@ -156,9 +157,15 @@ TEST_F(ServiceCoreTest, TimeoutHookThatReturnsTrueKeepsTheRequestWithItsThread) 
 }
 
 TEST_F(ServiceCoreTest, ThreadsHeldByTimedOutHalCallsAreBoundedThenHalCommandsAre1009) {
+    EXPECT_EQ(0, GetHeldCallLimit());  // the library sets no bound unless its host asks
+    constexpr int kLimit = 3;
+    SetHeldCallLimit(kLimit);
+    struct Restore {
+        ~Restore() { SetHeldCallLimit(0); }
+    } restore;
     BareMisc<> misc(600);
     // The test plays the monitor: each hung call is timed out at once and its thread stays.
-    for (int held = 1; held <= ServiceCore::kMaxLeftBehind; ++held) {
+    for (int held = 1; held <= kLimit; ++held) {
         misc.Ask("JXT+HANG");
         ASSERT_TRUE(Await([&] { return TestHal::Blocked() == held; }));
         ASSERT_TRUE(misc.AwaitRunning(Ticket::IN_HAL));
@@ -168,10 +175,10 @@ TEST_F(ServiceCoreTest, ThreadsHeldByTimedOutHalCallsAreBoundedThenHalCommandsAr
     misc.Ask("JXT+HANG");
     misc.Ask("JXT+HANG");
     misc.Ask("JXT");  // built-in: still served
-    ASSERT_TRUE(Await([&] { return log.Count(kNoManager) == ServiceCore::kMaxLeftBehind + 3; }));
+    ASSERT_TRUE(Await([&] { return log.Count(kNoManager) == kLimit + 3; }));
     EXPECT_EQ(2, log.Count("return is 1009"));
     EXPECT_EQ(1, log.CountContaining("refuses HAL-backed commands with 1009"));
-    EXPECT_EQ(ServiceCore::kMaxLeftBehind, TestHal::Blocked());
+    EXPECT_EQ(kLimit, TestHal::Blocked());
     // A thread that comes back lifts the refusal, said once.
     TestHal::Release();
     ASSERT_TRUE(Await([&] { return misc.Core()->LeftBehind() == 0; }));
