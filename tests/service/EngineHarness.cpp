@@ -21,18 +21,7 @@ F HalFunc(const char* name) {
 
 }  // namespace
 
-std::string TestHal::Path() {
-    const std::string name = VORN_TEST_HAL_PATH;
-    if (name.find('/') != std::string::npos) return name;
-    char exe[PATH_MAX];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    if (n <= 0) return name;
-    const std::string self(exe, static_cast<size_t>(n));
-    const std::string dir = self.substr(0, self.rfind('/'));
-    for (const char* sub : {"/", "/lib64/", "/lib/"})
-        if (access((dir + sub + name).c_str(), R_OK) == 0) return dir + sub + name;
-    return name;
-}
+std::string TestHal::Path() { return vorn_test::BesideTestProgram(VORN_TEST_HAL_PATH); }
 
 void TestHal::Reset() { HalFunc<void (*)()>("test_hal_reset")(); }
 void TestHal::Release() { HalFunc<void (*)()>("test_hal_release")(); }

@@ -18,20 +18,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A bare name (a device test module) is looked for next to the test program.
-std::string Beside(const std::string& name) {
-    if (name.find('/') != std::string::npos) return name;
-    char exe[4096];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    if (n <= 0) return name;
-    const std::string self(exe, static_cast<size_t>(n));
-    const std::string dir = self.substr(0, self.rfind('/'));
-    for (const char* sub : {"/", "/lib64/", "/lib/"})
-        if (access((dir + sub + name).c_str(), R_OK) == 0) return dir + sub + name;
-    return name;
-}
-const std::string kFaultyHal = Beside(VORN_FAULTY_HAL_PATH);
-const std::string kHalHost = Beside(VORN_HALHOST_PATH);
+const std::string kFaultyHal = vorn_test::BesideTestProgram(VORN_FAULTY_HAL_PATH);
+const std::string kHalHost = vorn_test::BesideTestProgram(VORN_HALHOST_PATH);
 
 struct HostCase : ::testing::Test {
     HalHost host{"MISC_SERVICE", kFaultyHal, kHalHost};

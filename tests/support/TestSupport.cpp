@@ -223,4 +223,16 @@ static int CountEntries(const char* dir) {
 int ThreadCount() { return CountEntries("/proc/self/task"); }
 int OpenFdCount() { return CountEntries("/proc/self/fd") - 1; }
 
+std::string BesideTestProgram(const std::string& name) {
+    if (name.find('/') != std::string::npos) return name;
+    char exe[4096];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) return name;
+    const std::string self(exe, static_cast<size_t>(n));
+    const std::string dir = self.substr(0, self.rfind('/'));
+    for (const char* sub : {"/", "/lib64/", "/lib/"})
+        if (access((dir + sub + name).c_str(), R_OK) == 0) return dir + sub + name;
+    return name;
+}
+
 }  // namespace vorn_test

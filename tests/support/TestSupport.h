@@ -48,6 +48,10 @@ private:
 // A socket name no other test (or test process) uses.
 std::string UniqueSocketName(const std::string& stem);
 
+// A library given by bare name (as a device test module installs it) is looked for next to the
+// test program, then in lib64/ and lib/ beside it; a path is taken as it is.
+std::string BesideTestProgram(const std::string& name);
+
 // One reply record: int32 result, uint32 R, R bytes, uint32 S, S bytes.
 struct Reply {
     int32_t result = 0;
