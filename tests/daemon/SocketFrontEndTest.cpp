@@ -140,7 +140,8 @@ protected:
 };
 
 TEST_F(SocketFrontEnd, DescriptorExhaustionNeitherSpinsNorFloodsAndServesOnceTheCrowdIsGone) {
-    Launch({}, 24);
+    // The HAL runs inside the daemon: the hosts' channels would take part of so small a budget.
+    Launch({"--hal-isolation=none"}, 24);
     // The backlog is short: the crowd comes in as fast as the daemon takes it.
     std::vector<int> crowd;
     ASSERT_TRUE(Await([&] {
