@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -15,12 +16,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <sstream>
 
 #include "platform/LogMessage.h"
 #include "service/HalChannel.h"
 #include "service/HalIsolation.h"
+#include "service/MessageQueue.h"
 
 extern char** environ;
 
@@ -84,6 +87,25 @@ bool AwaitExit(pid_t pid, int limitMs, int& status) {
 
 // Receives one frame into `buffer`; its length, or -1 when the channel ended, failed, timed out
 // (limitMs >= 0) or carried a frame longer than the buffer.
+// Before a reply is slept on, it is looked for a little while (yielding the processor between
+// looks), for the engine's look-ahead window (GetQueueSpinMicros): a HAL function that answers
+// within it costs no wake-up of the calling thread on the other processor. A call that outlasts
+// the window turns the look-ahead off for the next one, and a later call that answers within
+// twice the window turns it on again, so slow HAL functions cost no spinning.
+bool LookForReply(int fd, bool& worthIt) {
+    const int micros = GetQueueSpinMicros();
+    if (micros <= 0 || !worthIt) return false;
+    const auto start = std::chrono::steady_clock::now();
+    const auto window = std::chrono::microseconds(micros);
+    do {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 0) != 0) return true;  // a reply, or the channel's end
+        sched_yield();
+    } while (std::chrono::steady_clock::now() - start < window);
+    worthIt = false;
+    return false;
+}
+
 ssize_t ReceiveFrame(int fd, std::vector<char>& buffer, int limitMs) {
     if (limitMs >= 0) {
         pollfd p{fd, POLLIN, 0};
@@ -326,7 +348,16 @@ int HalHost::Transact(std::unique_lock<std::mutex>& lock, uint32_t kind, const s
     do {
         sent = sendmsg(fd, &message, MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
-    const ssize_t n = sent < 0 ? -1 : ReceiveFrame(fd, m_reply, receiveLimitMs);
+    ssize_t n = -1;
+    if (sent >= 0) {
+        // Only the busy caller touches the look-ahead flag.
+        const auto asleep = std::chrono::steady_clock::now();
+        const bool seen = receiveLimitMs < 0 && LookForReply(fd, m_bLookAhead);
+        n = ReceiveFrame(fd, m_reply, receiveLimitMs);
+        if (!seen && receiveLimitMs < 0 && !m_bLookAhead)
+            m_bLookAhead = std::chrono::steady_clock::now() - asleep <
+                           std::chrono::microseconds(2 * GetQueueSpinMicros());
+    }
     lock.lock();
     m_bBusy = false;
     m_idle.notify_all();

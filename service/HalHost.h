@@ -90,6 +90,7 @@ private:
     std::vector<char> m_reply;                        // the last reply; used by the busy caller
     uint32_t m_nReplyKind = 0;
     int32_t m_nReplyResult = 0;
+    bool m_bLookAhead = true;  // look for a reply before sleeping on it; the busy caller's
 };
 
 #endif
