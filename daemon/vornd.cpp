@@ -400,6 +400,7 @@ public:
 private:
     static const size_t kMaxLines = 4096;
     static const size_t kMaxBytes = 1 << 20;
+    static constexpr std::chrono::milliseconds kGather{2};
 
     struct Line {
         int priority;
@@ -433,6 +434,12 @@ private:
         std::unique_lock<std::mutex> lock(m_lock);
         for (;;) {
             m_queued.wait(lock, [this] { return !m_lines.empty() || m_dropped; });
+            // Lines come in bursts (a refused command writes three, a busy client many): the
+            // writer lets a burst gather for a moment, asleep but not in the wait, so that the
+            // lines queued meanwhile wake nobody and the daemon's threads pay no wake-up for them.
+            lock.unlock();
+            std::this_thread::sleep_for(kGather);
+            lock.lock();
             std::deque<Line> lines;
             lines.swap(m_lines);
             const unsigned long dropped = m_dropped;

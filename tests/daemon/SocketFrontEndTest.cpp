@@ -209,7 +209,7 @@ TEST_F(SocketFrontEnd, IdleClientsAreLetGoButTalkingOnesStay) {
         std::this_thread::sleep_for(500ms);
     }
     for (auto& c : idle) EXPECT_TRUE(AwaitClosed(c.fd()));
-    EXPECT_TRUE(LogHas("] closed after 1 s"));
+    EXPECT_TRUE(Await([&] { return LogHas("] closed after 1 s"); }));
     Client next;
     ASSERT_TRUE(next.Connect(socket));
     EXPECT_EQ(Ask(next, "JXT").result, 0);
@@ -297,7 +297,7 @@ TEST_F(SocketFrontEnd, ClientBytesInTheLogStayOnOneLineAndBounded) {
     for (int i = 0; i < 200; ++i) ASSERT_EQ(Ask(client, big).result, 1001);
     ASSERT_TRUE(Await([&] { return LogSize() > before; }));
     EXPECT_LT(LogSize() - before, 200u * 1024) << "bytes of log for 200 commands";
-    EXPECT_TRUE(LogHas("aaaa ...(24576 bytes)"));
+    EXPECT_TRUE(Await([&] { return LogHas("aaaa ...(24576 bytes)"); }));
 }
 
 }  // namespace
