@@ -1,6 +1,7 @@
 #include "service/ServiceCore.h"
 
 #include <sched.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -123,6 +124,19 @@ void ServiceCore::Submit(SFMessage* msg, ClientRef sender) {
         }
         m_queue.push_back(std::move(ticket));
         m_nQueued.store(m_queue.size(), std::memory_order_release);
+        // A request thread asleep is woken on this processor, not on an idle one: waking a
+        // thread on another processor costs tens of microseconds on the machines we serve,
+        // and this thread is about to sleep anyway. The thread takes back all processors as
+        // it wakes. Under the lock, so that the id is that of the thread still in its wait.
+        if (m_nSleeperTid != 0 && !m_bSleeperMoved) {
+            const int cpu = sched_getcpu();
+            if (cpu >= 0) {
+                cpu_set_t here;
+                CPU_ZERO(&here);
+                CPU_SET(cpu, &here);
+                m_bSleeperMoved = sched_setaffinity(m_nSleeperTid, sizeof here, &here) == 0;
+            }
+        }
     }
     // After the lock: the woken thread does not run into it still held.
     m_work.notify_one();
@@ -190,7 +204,16 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
             t_worthIt = !m_queue.empty() || retired();
         }
         if (m_queue.empty() && !retired()) {
+            static thread_local cpu_set_t t_allowed;
+            static thread_local bool t_knowsAllowed =
+                sched_getaffinity(0, sizeof t_allowed, &t_allowed) == 0;
+            m_nSleeperTid = t_knowsAllowed ? static_cast<pid_t>(syscall(SYS_gettid)) : 0;
             m_work.wait(lock, [&] { return !m_queue.empty() || retired(); });
+            m_nSleeperTid = 0;
+            if (m_bSleeperMoved) {
+                m_bSleeperMoved = false;
+                sched_setaffinity(0, sizeof t_allowed, &t_allowed);
+            }
             if (micros > 0)
                 t_worthIt = std::chrono::steady_clock::now() <
                             start + std::chrono::microseconds(2 * micros);

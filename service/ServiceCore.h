@@ -1,6 +1,7 @@
 #ifndef VORN_SERVICE_SERVICECORE_H
 #define VORN_SERVICE_SERVICECORE_H
 
+#include <sys/types.h>
 #include <time.h>
 
 #include <atomic>
@@ -191,6 +192,10 @@ private:
     uint64_t m_nGeneration = 0;
     std::deque<std::shared_ptr<Ticket>> m_queue;
     std::atomic<size_t> m_nQueued{0};  // m_queue's size, for the look-ahead without the lock
+    // The request thread asleep for work (its thread id, 0 when it is awake), and whether the
+    // intake moved it to the intake's processor to wake it there.
+    pid_t m_nSleeperTid = 0;
+    bool m_bSleeperMoved = false;
     std::shared_ptr<Ticket> m_current;
     // Replies: queued in the service's response queue, with their senders in the same order.
     std::deque<ClientRef> m_senders;
