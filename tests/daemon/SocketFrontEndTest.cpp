@@ -261,7 +261,7 @@ TEST_F(SocketFrontEnd, SlowReaderStillGetsEveryReply) {
     EXPECT_FALSE(LogHas("dropped"));
 }
 
-// A HAL function run inside vornd that closes descriptors 3..20 takes the listening socket with
+// A HAL function run inside vornd that closes descriptors from 3 up takes the listening socket with
 // it: vornd says so and leaves with status 1, so that its supervisor starts a fresh one.
 TEST_F(SocketFrontEnd, LostListenerEndsVorndWithStatusOne) {
     const std::string config = dir.Write(

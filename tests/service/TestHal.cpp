@@ -110,7 +110,9 @@ int throw_cmd(std::vector<char>* in, std::vector<char>* /*out*/) {
 // As careless vendor code does before it starts a helper: closes descriptors it does not own.
 int close_fds_cmd(std::vector<char>* in, std::vector<char>* /*out*/) {
     Record(in);
-    for (int fd = 3; fd <= 20; ++fd) close(fd);
+    // Every number from 3 up: what the daemon inherited from whoever started it shifts its own
+    // descriptors to higher numbers than a fixed range would reach.
+    for (int fd = 3; fd < 1024; ++fd) close(fd);
     return 0;
 }
 
