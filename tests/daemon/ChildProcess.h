@@ -19,8 +19,8 @@ extern char** environ;
 namespace vorn_test {
 
 // A program run as a separate process (argv[0] is its path) with `env` added to this process's
-// environment, `input` as its stdin and its stdout and stderr kept in files; killed if still
-// running when the object goes.
+// environment, `input` as its stdin and its stdout and stderr kept in files, or both written to
+// `outputFd` when one is given; killed if still running when the object goes.
 class ChildProcess {
 public:
     ChildProcess() = default;
@@ -32,7 +32,7 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     bool Start(std::vector<std::string> argv, std::vector<std::string> env = {},
-               const std::string& input = "") {
+               const std::string& input = "", int outputFd = -1) {
         for (char** e = environ; *e; ++e) env.emplace_back(*e);  // the first of a name wins
         std::vector<char*> envp, args;
         for (std::string& e : env) envp.push_back(&e[0]);
@@ -51,8 +51,13 @@ public:
         const std::string in = m_dir.Write("stdin", input), out = m_dir.path() + "/stdout",
                           err = m_dir.path() + "/stderr";
         posix_spawn_file_actions_addopen(&files, 0, in.c_str(), O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
-        posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
+        if (outputFd >= 0) {
+            posix_spawn_file_actions_adddup2(&files, outputFd, 1);
+            posix_spawn_file_actions_adddup2(&files, outputFd, 2);
+        } else {
+            posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
+            posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
+        }
         const int rc = posix_spawn(&m_pid, args[0], &files, &attr, args.data(), envp.data());
         posix_spawn_file_actions_destroy(&files);
         posix_spawnattr_destroy(&attr);

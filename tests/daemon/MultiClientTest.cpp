@@ -3,9 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -171,25 +169,10 @@ TEST_F(MultiClient, LogReaderThatStallsOrGoesAwayNeitherStopsNorEndsIt) {
         int pipeFds[2];
         ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
         const std::string name = socket + (readerGone ? "-gone" : "-stalled");
-        std::vector<std::string> args{VORND_PATH, "--socket",    name, "--config",
-                                      config,     "--log-level", "1"};
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t files;
-        posix_spawn_file_actions_init(&files);
-        posix_spawn_file_actions_adddup2(&files, pipeFds[1], 1);
-        posix_spawn_file_actions_adddup2(&files, pipeFds[1], 2);
-        posix_spawnattr_t attr;
-        sigset_t none;
-        sigemptyset(&none);
-        posix_spawnattr_init(&attr);
-        posix_spawnattr_setsigmask(&attr, &none);
-        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
-        pid_t pid = -1;
-        ASSERT_EQ(0, posix_spawn(&pid, VORND_PATH, &files, &attr, argv.data(), environ));
-        posix_spawn_file_actions_destroy(&files);
-        posix_spawnattr_destroy(&attr);
+        vorn_test::ChildProcess logging;
+        ASSERT_TRUE(
+            logging.Start({VORND_PATH, "--socket", name, "--config", config, "--log-level", "1"},
+                          {}, "", pipeFds[1]));
         close(pipeFds[1]);
         if (readerGone) close(pipeFds[0]);
 
@@ -200,19 +183,13 @@ TEST_F(MultiClient, LogReaderThatStallsOrGoesAwayNeitherStopsNorEndsIt) {
             Reply r;
             ASSERT_TRUE(c.Send("JXT+ECHO=" + std::to_string(i)) && c.ReadReply(r, 2000ms)) << i;
         }
-        kill(pid, SIGPIPE);
+        logging.Signal(SIGPIPE);
         Reply r;
         ASSERT_TRUE(c.Send("JXT+ECHO=x") && c.ReadReply(r, 2000ms)) << "alive after SIGPIPE";
-        kill(pid, SIGTERM);
-        int status = -1;
-        EXPECT_TRUE(Await([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 1000ms))
-            << (readerGone ? "reader gone" : "reader stalled");
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        logging.Signal(SIGTERM);
+        EXPECT_TRUE(logging.Wait(1000ms)) << (readerGone ? "reader gone" : "reader stalled");
+        EXPECT_EQ(0, logging.ExitStatus());
         if (!readerGone) close(pipeFds[0]);
-        if (waitpid(pid, &status, WNOHANG) == 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-        }
     }
 }
 
