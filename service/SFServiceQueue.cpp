@@ -49,7 +49,14 @@ namespace {
 int SendReply(SFService& service, std::unique_ptr<SFMessage> msg, ClientRef sender);
 
 // A reply produced now: sent on this thread when nothing waits ahead of it, else queued.
+// A reply enters the response path here, with the trace lines of the response queue, whether
+// it is then sent at once or waits.
 void DeliverReply(SFService& service, ServiceCore& core, SFMessage* reply, ClientRef sender) {
+    if (LogMessage::IsOn(1)) {
+        SFRespData* resp = reply->GetResponseData();
+        LogMessage(1, "VORN", "EnQueue").stream() << "return is " << (resp ? resp->result : 1006);
+        DUMPLOG("VORN", "[RESPONSE]", resp ? resp->data : nullptr, resp ? resp->length : 0);
+    }
     if (core.SendDirect(reply, sender)) {
         SendReply(service, std::unique_ptr<SFMessage>(reply), sender);
         core.DirectSent();
@@ -64,12 +71,6 @@ int SFService::EnQueue(SFMessage* msg) {
         return 1008;
     }
     if (msg->direction == MSG_RESPONSE) {
-        SFRespData* resp = msg->GetResponseData();
-        if (LogMessage::IsOn(1)) {
-            LogMessage(1, "VORN", "EnQueue").stream()
-                << "return is " << (resp ? resp->result : 1006);
-            DUMPLOG("VORN", "[RESPONSE]", resp ? resp->data : nullptr, resp ? resp->length : 0);
-        }
         // The reply of the request now running (or being timed out) goes to its sender.
         DeliverReply(*this, *m_pCore, msg, m_pCore->CurrentSender());
         return 0;
@@ -161,10 +162,6 @@ PassEnd RunRequestPass(SFService& service, ServiceCore& core, uint64_t generatio
         SFMessage* reply = msg->Clone();
         reply->direction = MSG_RESPONSE;
         reply->SetResponseData(resp);
-        if (LogMessage::IsOn(1)) {
-            LogMessage(1, "VORN", "EnQueue").stream() << "return is " << resp->result;
-            DUMPLOG("VORN", "[RESPONSE]", resp->data, resp->length);
-        }
         DeliverReply(service, core, reply, ticket->Sender());
     }
     // The monitor needs no byte: the timer was armed for this request and is disarmed once
