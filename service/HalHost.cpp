@@ -60,6 +60,16 @@ std::string Describe(int status) {
     return text.str();
 }
 
+// Waits up to `limitMs` for `fd` to be readable (or to end): poll's result, EINTR retried.
+int AwaitInput(int fd, int limitMs) {
+    pollfd p{fd, POLLIN, 0};
+    int rc;
+    do {
+        rc = poll(&p, 1, limitMs);
+    } while (rc < 0 && errno == EINTR);
+    return rc;
+}
+
 // Waits up to `limitMs` for `pid` to end by itself; true (with its status) when it did.
 bool AwaitExit(pid_t pid, int limitMs, int& status) {
     const pid_t done = waitpid(pid, &status, WNOHANG);
@@ -68,11 +78,7 @@ bool AwaitExit(pid_t pid, int limitMs, int& status) {
 #ifdef SYS_pidfd_open
     const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
     if (pidfd >= 0) {
-        pollfd p{pidfd, POLLIN, 0};
-        int rc;
-        do {
-            rc = poll(&p, 1, limitMs);
-        } while (rc < 0 && errno == EINTR);
+        AwaitInput(pidfd, limitMs);
         close(pidfd);
         return waitpid(pid, &status, WNOHANG) == pid;
     }
@@ -85,8 +91,6 @@ bool AwaitExit(pid_t pid, int limitMs, int& status) {
     return false;
 }
 
-// Receives one frame into `buffer`; its length, or -1 when the channel ended, failed, timed out
-// (limitMs >= 0) or carried a frame longer than the buffer.
 // Before a reply is slept on, it is looked for a little while (yielding the processor between
 // looks), for the engine's look-ahead window (GetQueueSpinMicros): a HAL function that answers
 // within it costs no wake-up of the calling thread on the other processor. A call that outlasts
@@ -98,23 +102,17 @@ bool LookForReply(int fd, bool& worthIt) {
     const auto start = std::chrono::steady_clock::now();
     const auto window = std::chrono::microseconds(micros);
     do {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 0) != 0) return true;  // a reply, or the channel's end
+        if (AwaitInput(fd, 0) != 0) return true;  // a reply, or the channel's end
         sched_yield();
     } while (std::chrono::steady_clock::now() - start < window);
     worthIt = false;
     return false;
 }
 
+// Receives one frame into `buffer`; its length, or -1 when the channel ended, failed, timed out
+// (limitMs >= 0) or carried a frame longer than the buffer.
 ssize_t ReceiveFrame(int fd, std::vector<char>& buffer, int limitMs) {
-    if (limitMs >= 0) {
-        pollfd p{fd, POLLIN, 0};
-        int rc;
-        do {
-            rc = poll(&p, 1, limitMs);
-        } while (rc < 0 && errno == EINTR);
-        if (rc <= 0) return -1;
-    }
+    if (limitMs >= 0 && AwaitInput(fd, limitMs) <= 0) return -1;
     ssize_t n;
     do {
         n = recv(fd, buffer.data(), buffer.size(), MSG_TRUNC);
