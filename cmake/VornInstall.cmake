@@ -31,7 +31,8 @@ install(DIRECTORY
     PATTERN "FrontEndState.h" EXCLUDE
     PATTERN "ReplyRoute.h" EXCLUDE
     PATTERN "ServiceManagerLock.h" EXCLUDE
-    PATTERN "ReplyRoute.h" EXCLUDE
+    PATTERN "LoopHandOff.h" EXCLUDE
+    PATTERN "LoopIntake.h" EXCLUDE
     PATTERN "ServiceCore.h" EXCLUDE
     PATTERN "HalChannel.h" EXCLUDE
     PATTERN "HalHost.h" EXCLUDE

@@ -13,6 +13,7 @@ set(VORN_CORE_SOURCES
     io/Processer.cpp
     io/CmdIOService.cpp
     io/Formatter.cpp
+    io/LoopIntake.cpp
     io/ReplyRoute.cpp
     io/SFIOChannel.cpp
     config/CommonConfig.cpp

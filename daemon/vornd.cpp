@@ -69,6 +69,7 @@ struct Options {
     bool halIsolation = true;
     // Threads that HAL calls past their timeout may hold per service (--hal-isolation=none).
     int heldCallLimit = 8;
+    int loopBudgetMicros = 10000;  // 0: every command goes to its service's request thread
 };
 
 const char kBuiltInConfig[] = "/vendor/etc/vorn.json";
@@ -228,6 +229,13 @@ const OptionRow kOptions[] = {
      "timeout, answer HAL commands 1009 until one returns (default 8; 0: no limit)",
      [](Options& opt, const std::string& v) {
          return ParseBounded("--held-call-limit", v, 1000, "", opt.heldCallLimit);
+     }},
+    {"loop-budget-us", 0, "N",
+     "the socket loop runs a command for an idle service itself, and hands the socket to a "
+     "fresh thread if it takes longer than N microseconds, 0-1000000 (default 10000; 0: every "
+     "command goes to its service's request thread)",
+     [](Options& opt, const std::string& v) {
+         return ParseBounded("--loop-budget-us", v, 1000000, " microseconds", opt.loopBudgetMicros);
      }},
     {"check-config", 0, "FILE", "check FILE strictly, one line per problem; exit 1 if any",
      [](Options& opt, const std::string& v) {
@@ -610,6 +618,7 @@ int main(int argc, char** argv) {
     cmdio->SetReplyToSender(opt.replyToSender);
     cmdio->SetPromoteWaiting(opt.promoteWaiting);
     cmdio->SetCloseStalledClients(opt.closeStalled);
+    cmdio->SetLoopRunsRequests(opt.loopBudgetMicros);
     cmdio->SetLoopEndCallback(&NoteLoopEnd, nullptr);
 
     std::unique_ptr<ConfigManager> cfg(new ConfigManager());

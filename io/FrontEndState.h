@@ -13,6 +13,7 @@
 #include <mutex>
 #include <vector>
 
+#include "io/LoopHandOff.h"
 #include "io/Processer.h"
 
 // What the socket front end keeps beside a Processer, whose fields hosts are compiled against:
@@ -20,12 +21,12 @@
 // replies and idle clients, the connections left waiting beyond the four slots and the accept
 // back-off. One per Processer, created by its constructor and erased by its destructor once the
 // loop has been stopped and joined.
-class FrontEndState {
+class FrontEndState : public LoopHandOff {
 public:
     using Clock = std::chrono::steady_clock;
 
     FrontEndState();
-    ~FrontEndState();
+    ~FrontEndState() override;
     FrontEndState(const FrontEndState&) = delete;
     FrontEndState& operator=(const FrontEndState&) = delete;
 
@@ -56,14 +57,24 @@ public:
     // On: a client one of whose replies could not be written within replyWaitMs is closed, and
     // later replies to it are dropped at once instead of waiting again.
     std::atomic<bool> closeStalled{false};
+    // Above 0: the loop's thread runs a command for an idle service itself (LoopIntake), and
+    // hands the loop to a fresh thread when such a command takes longer than this.
+    std::atomic<int> loopBudgetMicros{0};
 
-    // The loop thread. Start and Stop (and the destructor through Stop) take the lock; the loop
-    // itself never does, so Stop may join it while holding it.
-    // Guards loopStarted, loopThread and the setting of the loop-end callback (which the loop
-    // reads only after Start, under this lock, has started it).
+    // The loop thread. Start and Stop (and the destructor through Stop) take the lock; so do a
+    // hand-off (on a service's monitor) and the loop thread as it ends, to say so.
+    // Guards owner, loopStarted, loopRunning, loopThread and the setting of the loop-end
+    // callback (which the loop reads only after Start, under this lock, has started it).
     std::mutex loopLock;
+    std::condition_variable loopEnded;  // loopRunning went false
+    Processer* owner = nullptr;         // set by Start: the object a fresh loop thread serves
     bool loopStarted = false;
+    bool loopRunning = false;  // a thread is in the loop (or in a request that holds it)
+    // The thread that serves the loop, joinable; a thread the loop was handed away from is
+    // detached then and leaves by itself.
     pthread_t loopThread{};
+    // LoopHandOff: a fresh thread takes the loop, or, when the loop is being stopped, it ends.
+    bool HandOff() override;
     // An eventfd in every wait of the loop. Stop and a reply that finds its client stalled write
     // to it; only the loop reads it. -1 once the loop found it closed under it.
     std::atomic<int> controlFd{-1};

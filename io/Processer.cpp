@@ -18,6 +18,7 @@
 
 #include "core/ErrorCode.h"
 #include "io/FrontEndState.h"
+#include "io/LoopIntake.h"
 #include "platform/LogMessage.h"
 
 namespace {
@@ -146,6 +147,43 @@ void FrontEndState::Wake() {
     } while (n < 0 && errno == EINTR);
 }
 
+bool FrontEndState::HandOff() {
+    Processer::LoopEndCallback callback = nullptr;
+    void* context = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(loopLock);
+        if (!loopRunning || owner == nullptr) return false;  // a loop its host runs by hand
+        if (!stopRequested) {
+            pthread_t fresh;
+            const int rc = pthread_create(&fresh, nullptr, Processer::ThreadProc, owner);
+            if (rc != 0) {
+                LogMessage(3, "VORN", "Run").stream()
+                    << "a command holds the socket loop and no thread can take the loop over ("
+                    << strerror(rc) << "); the loop waits for the command";
+                return false;
+            }
+            pthread_detach(loopThread);
+            loopThread = fresh;
+            if (LogMessage::IsOn(1))
+                LogMessage(1, "VORN", "Run").stream()
+                    << "a command outlived " << loopBudgetMicros
+                    << " us on the loop's thread: a fresh thread serves the socket";
+            return true;
+        }
+        // Being stopped: the loop ends here, and its thread leaves once its command is over.
+        pthread_detach(loopThread);
+        loopThread = pthread_t{};
+        loopRunning = false;
+        loopResult = 0;
+        callback = loopEndCallback;
+        context = loopEndContext;
+    }
+    loopEnded.notify_all();
+    LogMessage(2, "VORN", "Run").stream() << "socket loop stopped";
+    if (callback) callback(0, context);
+    return true;
+}
+
 FrontEndState* FrontEndState::OfLoop(const Processer* owner) {
     return t_loopOwner == owner ? t_loopState : nullptr;
 }
@@ -264,6 +302,16 @@ bool Processer::GetCloseStalledClients() const {
     return state && state->closeStalled;
 }
 
+void Processer::SetLoopRunsRequests(int budgetMicros) {
+    if (auto state = FrontEndState::Find(this))
+        state->loopBudgetMicros = std::max(0, std::min(budgetMicros, kMaxLoopBudgetMicros));
+}
+
+int Processer::GetLoopRunsRequests() const {
+    auto state = FrontEndState::Find(this);
+    return state ? state->loopBudgetMicros.load() : 0;
+}
+
 void Processer::SetLoopEndCallback(LoopEndCallback callback, void* context) {
     if (auto state = FrontEndState::Find(this)) {
         std::lock_guard<std::mutex> lock(state->loopLock);
@@ -335,11 +383,15 @@ int Processer::Start() {
     }
     state->stopRequested = false;
     state->loopResult = -1;
+    state->owner = this;
+    state->loopRunning = true;
     // Joinable, unlike the attributes kept in m_attr: Stop and the destructor join the loop.
     const int rc = pthread_create(&m_thread, nullptr, ThreadProc, this);
     if (rc == 0) {
         state->loopThread = m_thread;
         state->loopStarted = true;
+    } else {
+        state->loopRunning = false;
     }
     return rc;
 }
@@ -365,7 +417,7 @@ int Processer::Stop() {
 void Processer::EndLoop() {
     const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
     if (!state) return;
-    std::lock_guard<std::mutex> lock(state->loopLock);
+    std::unique_lock<std::mutex> lock(state->loopLock);
     if (!state->loopStarted) return;
     state->stopRequested = true;
     state->Wake();
@@ -378,9 +430,15 @@ void Processer::EndLoop() {
         LogMessage(4, "VORN", "Stop").stream()
             << "the socket loop cannot be woken (no control descriptor); it is left running";
         pthread_detach(state->loopThread);
+        state->loopRunning = false;
     } else {
-        pthread_join(state->loopThread, nullptr);
+        // The loop ends on its thread, or, when a command holds that thread, as the loop is
+        // handed on (a service's monitor does that within the loop's budget).
+        state->loopEnded.wait(lock, [&] { return !state->loopRunning; });
+        if (!pthread_equal(state->loopThread, pthread_t{}))
+            pthread_join(state->loopThread, nullptr);
     }
+    state->loopThread = pthread_t{};
     state->loopStarted = false;
 }
 
@@ -767,6 +825,7 @@ void Processer::Run() {
             }
             state->lastActivityMs[i] = FrontEndState::NowMs();
             void* client = &m_nClientFds[i];
+            LoopIntake intake(state->loopBudgetMicros.load(std::memory_order_relaxed));
             if (total < static_cast<size_t>(kRecvChunk)) {
                 if (LogMessage::IsOn(1))
                     LogMessage(1, "VORN", "Run").stream() << "received size =" << total;
@@ -787,10 +846,19 @@ void Processer::Run() {
             m_nLastClientFd = fd;
             if (!blocking) SetNonBlocking(fd, false);
             blocking = true;
+            // The command held for this thread runs now that nothing of the round is in use.
+            // When it outlived the budget the loop went on in a fresh thread, and this one
+            // leaves without touching the object, which may be gone by now.
+            if (!intake.RunHeld(state)) return;
         }
     }
     if (result == 0) LogMessage(2, "VORN", "Run").stream() << "socket loop stopped";
     FrontEndState::SetLoop(nullptr, nullptr);
     state->loopResult = result;
     if (state->loopEndCallback) state->loopEndCallback(result, state->loopEndContext);
+    {
+        std::lock_guard<std::mutex> lock(state->loopLock);
+        state->loopRunning = false;
+    }
+    state->loopEnded.notify_all();
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "io/LoopHandOff.h"
 #include "platform/LogMessage.h"
 #include "service/SFService.h"
 #include "service/ServiceCore.h"
@@ -89,6 +90,9 @@ void SFServiceMonitorRunnable::Run() {
             uint64_t expirations;
             // The timer may have been re-armed since it fired: then there is nothing to read.
             if (read(fds[0].fd, &expirations, sizeof expirations) < 0) continue;
+            // A request on the socket loop's thread past the loop's budget: the loop goes on
+            // in a fresh thread, the request where it is.
+            if (auto handOff = core->OnTimer()) core->HandOffDone(handOff->HandOff());
             if (auto ticket = core->ClaimDue()) TimeOutRequest(*service, *core, ticket);
         }
     }

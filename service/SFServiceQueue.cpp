@@ -9,6 +9,7 @@
 #include <string>
 
 #include "io/Formatter.h"
+#include "io/LoopIntake.h"
 #include "io/ReplyRoute.h"
 #include "io/SFCommandParser.h"
 #include "platform/LogMessage.h"
@@ -79,8 +80,12 @@ int SFService::EnQueue(SFMessage* msg) {
         SFData* req = msg->GetRequestData();
         DUMPLOG("VORN", "[REQUEST]", req ? req->data : nullptr, req ? req->length : 0);
         // Intake runs on the socket loop's thread, inside the delivery of the command: the
-        // route read here is the client that sent it.
-        m_pCore->Submit(msg, ReplyRoute::Current());
+        // route read here is the client that sent it. Where the host lets it, that thread runs
+        // the request itself once the delivery is over, if the service has nothing to do.
+        const ClientRef sender = ReplyRoute::Current();
+        if (LoopIntake* intake = LoopIntake::Current())
+            if (m_pCore->HoldForLoop(msg, sender, *intake)) return 0;
+        m_pCore->Submit(msg, sender);
         return 0;
     }
     LogMessage(4, "VORN", "EnQueue").stream() << m_strServiceName << "message direction error";
@@ -132,6 +137,11 @@ int SFService::HandleRequest() {
 PassEnd RunRequestPass(SFService& service, ServiceCore& core, uint64_t generation) {
     const std::shared_ptr<ServiceCore::Ticket> ticket = core.Take(generation);
     if (!ticket) return PASS_RETIRED;
+    return RunTakenRequest(service, core, ticket);
+}
+
+PassEnd RunTakenRequest(SFService& service, ServiceCore& core,
+                        const std::shared_ptr<ServiceCore::Ticket>& ticket) {
     SFMessage* const msg = ticket->Message();
     TraceNotify(msg->direction);
 

@@ -10,6 +10,7 @@
 #include <chrono>
 
 #include "core/SFMessage.h"
+#include "io/LoopHandOff.h"
 #include "platform/LogMessage.h"
 #include "service/HalIsolation.h"
 #include "service/MessageQueue.h"
@@ -36,6 +37,21 @@ timespec Now() {
 
 bool NotBefore(const timespec& a, const timespec& b) {
     return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec >= b.tv_nsec;
+}
+
+timespec AddMicros(timespec t, int64_t micros) {
+    t.tv_sec += micros / 1000000;
+    t.tv_nsec += (micros % 1000000) * 1000;
+    if (t.tv_nsec >= 1000000000) {
+        t.tv_sec += 1;
+        t.tv_nsec -= 1000000000;
+    }
+    return t;
+}
+
+int64_t MicrosSince(const timespec& start) {
+    const timespec now = Now();
+    return (now.tv_sec - start.tv_sec) * 1000000 + (now.tv_nsec - start.tv_nsec) / 1000;
 }
 }  // namespace
 
@@ -97,10 +113,20 @@ bool ServiceCore::AwaitConstructed() {
 }
 
 void ServiceCore::Stop() {
-    std::lock_guard<std::mutex> lock(m_lock);
-    m_bStopping.store(true, std::memory_order_release);
-    m_work.notify_all();
-    m_changed.notify_all();
+    std::shared_ptr<LoopHandOff> handOff;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_bStopping.store(true, std::memory_order_release);
+        m_work.notify_all();
+        m_changed.notify_all();
+        // A request on the loop's thread may not come back soon (it may be stuck in the HAL),
+        // and with the monitor gone nobody would hand the loop on: it goes on elsewhere now.
+        if (m_loopRun == LOOP_ACTIVE) {
+            m_loopRun = LOOP_CLAIMED;
+            handOff = m_handOff;
+        }
+    }
+    if (handOff) HandOffDone(handOff->HandOff());
 }
 
 void ServiceCore::AwaitQuiet() {
@@ -157,6 +183,75 @@ SFMessage* ServiceCore::TakeQueuedMessage() {
     return msg;
 }
 
+bool ServiceCore::HoldForLoop(SFMessage* msg, ClientRef sender, LoopIntake& intake) {
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (m_nTimerFd < 0 || !m_bConstructed || Stopping() || !m_queue.empty() || m_current ||
+            m_loopTicket || m_loopRun != LOOP_IDLE || m_bLastRunSlow ||
+            m_service->m_bTimeoutHandling)
+            return false;
+        m_loopTicket = std::make_shared<Ticket>(msg, sender, this);
+        m_nLoopBudgetMicros = intake.BudgetMicros();
+        ++m_nBusy;  // the loop's thread is counted from here, as a request thread would be
+    }
+    intake.Hold(this, shared_from_this());
+    return true;
+}
+
+bool ServiceCore::RunOnLoop(const std::shared_ptr<LoopHandOff>& handOff, int budgetMicros) {
+    std::shared_ptr<Ticket> t;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        t = m_loopTicket;
+        if (Stopping()) {
+            // Dropped with the queued ones: the service stops.
+            const bool wake = OpenLoopGate(*t);
+            if (--m_nBusy == 0) m_changed.notify_all();
+            if (wake) m_work.notify_one();
+            return true;
+        }
+        StartLocked(t);
+        m_loopRun = LOOP_ACTIVE;
+        m_handOff = handOff;
+        m_handOffAt = AddMicros(t->m_started, budgetMicros);
+        ArmLocked();
+    }
+    Started(*t);
+    if (RunTakenRequest(*m_service, *this, t) == PASS_NEXT) ThreadEnded();
+    // The service may be gone from here: only the core is touched.
+    bool wake = false;
+    bool moved = false;
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        // A hand-off asked for as the request ended: its outcome decides whose the loop is.
+        m_changed.wait(lock, [this] { return m_loopRun != LOOP_CLAIMED; });
+        moved = m_loopRun == LOOP_MOVED;
+        m_loopRun = LOOP_IDLE;
+        m_handOff.reset();
+        wake = OpenLoopGate(*t);  // a request taken away by the service's stop
+        ArmLocked();
+    }
+    if (wake) m_work.notify_one();
+    return !moved;
+}
+
+void ServiceCore::DropFromLoop() {
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (!m_loopTicket) return;
+        wake = OpenLoopGate(*m_loopTicket);
+        if (--m_nBusy == 0) m_changed.notify_all();
+    }
+    if (wake) m_work.notify_one();
+}
+
+bool ServiceCore::OpenLoopGate(const Ticket& t) {
+    if (m_loopTicket.get() != &t) return false;
+    m_loopTicket.reset();
+    return !m_queue.empty();
+}
+
 void ServiceCore::ClearQueued() {
     std::deque<std::shared_ptr<Ticket>> queued;
     {
@@ -185,7 +280,7 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
             << m_strName << ": Timeout thread is processing. Wait...";
         m_work.wait(lock, [&] { return !m_service->m_bTimeoutHandling || retired(); });
     }
-    if (m_queue.empty() && !retired()) {
+    if (!Ready() && !retired()) {
         // A command usually comes back within the look-ahead window, and a thread still awake
         // takes it without being woken on another processor. When commands come slower, the
         // window is not worth it and the thread sleeps at once, until one came within it again.
@@ -201,14 +296,14 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
             } while (m_nQueued.load(std::memory_order_acquire) == 0 && !Stopping() &&
                      std::chrono::steady_clock::now() < until);
             lock.lock();
-            t_worthIt = !m_queue.empty() || retired();
+            t_worthIt = Ready() || retired();
         }
-        if (m_queue.empty() && !retired()) {
+        if (!Ready() && !retired()) {
             static thread_local cpu_set_t t_allowed;
             static thread_local bool t_knowsAllowed =
                 sched_getaffinity(0, sizeof t_allowed, &t_allowed) == 0;
             m_nSleeperTid = t_knowsAllowed ? static_cast<pid_t>(syscall(SYS_gettid)) : 0;
-            m_work.wait(lock, [&] { return !m_queue.empty() || retired(); });
+            m_work.wait(lock, [&] { return Ready() || retired(); });
             m_nSleeperTid = 0;
             if (m_bSleeperMoved) {
                 m_bSleeperMoved = false;
@@ -223,33 +318,32 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
     std::shared_ptr<Ticket> t = std::move(m_queue.front());
     m_queue.pop_front();
     m_nQueued.store(m_queue.size(), std::memory_order_release);
+    StartLocked(t);
+    ArmLocked();
+    lock.unlock();
+    Started(*t);
+    return t;
+}
+
+void ServiceCore::StartLocked(const std::shared_ptr<Ticket>& t) {
     SFMessage* msg = t->m_pMsg;
     t->m_state = Ticket::RUNNING;
     t->m_bInside = true;  // carries this thread's count from here
+    t->m_started = Now();
     const int seconds = msg->timeout;
     if (seconds >= 0) {
         const int64_t ms = seconds == 0 ? 15000 : int64_t(seconds) * 1000;
-        timespec deadline = Now();
-        deadline.tv_sec += ms / 1000;
-        deadline.tv_nsec += (ms % 1000) * 1000000;
-        if (deadline.tv_nsec >= 1000000000) {
-            deadline.tv_sec += 1;
-            deadline.tv_nsec -= 1000000000;
-        }
-        t->m_deadline = deadline;
+        t->m_deadline = AddMicros(t->m_started, ms * 1000);
         t->m_bHasDeadline = true;
     }
     m_current = t;
     m_service->m_pCurReqMsg = msg;
     gettimeofday(&m_service->m_tvReqStart, nullptr);
-    lock.unlock();
-    t_ticket = t.get();
-    if (t->m_bHasDeadline && m_nTimerFd >= 0) {
-        // Arming wakes nobody: the monitor wakes when the deadline passes.
-        itimerspec when{};
-        when.it_value = t->m_deadline;
-        timerfd_settime(m_nTimerFd, TFD_TIMER_ABSTIME, &when, nullptr);
-    }
+}
+
+void ServiceCore::Started(Ticket& t) {
+    t_ticket = &t;
+    const int seconds = t.m_pMsg->timeout;
     if (seconds == 0) {
         // The text says 60 seconds and the value is 15: both are what devices have always seen.
         if (LogMessage::IsOn(1))
@@ -260,7 +354,6 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
         LogMessage(3, "VORN", "CalculateRequestTimeout").stream()
             << m_strName << ": Invalid timeout value detected : Reset timer";
     }
-    return t;
 }
 
 void ServiceCore::Away(Ticket& t) {
@@ -307,7 +400,7 @@ void ServiceCore::AwaitTakenAway(Ticket* t) {
 }
 
 bool ServiceCore::Finish(Ticket& t) {
-    bool disarm = false;
+    bool wake = false;
     {
         std::unique_lock<std::mutex> lock(m_lock);
         m_changed.wait(lock, [&] { return !t.m_bJudging; });
@@ -331,10 +424,16 @@ bool ServiceCore::Finish(Ticket& t) {
             m_service->m_bTimeoutHandling = false;
             m_work.notify_all();
         }
-        disarm = m_queue.empty() && t.m_bHasDeadline;
+        // A request that outlived the loop's budget sends the next one to the request thread;
+        // one that did not lets the loop's thread run the next one again.
+        if (m_nLoopBudgetMicros > 0)
+            m_bLastRunSlow = MicrosSince(t.m_started) > m_nLoopBudgetMicros;
+        wake = OpenLoopGate(t);
+        // A queued request re-arms the timer as it is taken: no need to disarm it first.
+        if (m_queue.empty() || m_loopRun != LOOP_IDLE) ArmLocked();
     }
     t_ticket = nullptr;
-    if (disarm) Disarm();
+    if (wake) m_work.notify_one();
     return true;
 }
 
@@ -364,10 +463,51 @@ bool ServiceCore::RefuseHalCall() {
     return true;
 }
 
-void ServiceCore::Disarm() {
+void ServiceCore::ArmLocked() {
     if (m_nTimerFd < 0) return;
-    const itimerspec off{};
-    timerfd_settime(m_nTimerFd, 0, &off, nullptr);
+    // Arming wakes nobody: the monitor wakes when the time passes.
+    bool any = false;
+    timespec at{0, 0};
+    const Ticket* t = m_current.get();
+    if (t && t->m_bHasDeadline && !t->m_bHandled) {
+        at = t->m_deadline;
+        any = true;
+    }
+    if (m_loopRun == LOOP_ACTIVE && (!any || !NotBefore(m_handOffAt, at))) {
+        at = m_handOffAt;
+        any = true;
+    }
+    if (any) {
+        if (m_bArmed && m_armedAt.tv_sec == at.tv_sec && m_armedAt.tv_nsec == at.tv_nsec) return;
+        itimerspec when{};
+        when.it_value = at;
+        timerfd_settime(m_nTimerFd, TFD_TIMER_ABSTIME, &when, nullptr);
+        m_bArmed = true;
+        m_armedAt = at;
+    } else if (m_bArmed) {
+        const itimerspec off{};
+        timerfd_settime(m_nTimerFd, 0, &off, nullptr);
+        m_bArmed = false;
+    }
+}
+
+std::shared_ptr<LoopHandOff> ServiceCore::OnTimer() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_bArmed = false;  // a one-shot timer that fired is disarmed
+    std::shared_ptr<LoopHandOff> handOff;
+    if (m_loopRun == LOOP_ACTIVE && NotBefore(Now(), m_handOffAt)) {
+        m_loopRun = LOOP_CLAIMED;
+        handOff = m_handOff;
+        m_bLastRunSlow = true;
+    }
+    ArmLocked();
+    return handOff;
+}
+
+void ServiceCore::HandOffDone(bool moved) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_loopRun = moved ? LOOP_MOVED : LOOP_STAYED;
+    m_changed.notify_all();
 }
 
 std::shared_ptr<ServiceCore::Ticket> ServiceCore::ClaimDue() {
@@ -407,6 +547,8 @@ void ServiceCore::Abandon(Ticket& t) {
         m_current.reset();
         m_service->m_pCurReqMsg = nullptr;
     }
+    if (m_nLoopBudgetMicros > 0) m_bLastRunSlow = true;
+    if (OpenLoopGate(t)) m_work.notify_one();
     m_changed.notify_all();
 }
 

@@ -13,9 +13,11 @@
 #include <mutex>
 #include <string>
 
+#include "io/LoopIntake.h"
 #include "io/ReplyRoute.h"
 
 class HalHost;
+class LoopHandOff;
 class SFService;
 class SFMessage;
 
@@ -34,7 +36,14 @@ class SFMessage;
 // request's ticket says it is inside). A thread in a HAL call is not counted: the service's
 // destruction does not wait for it, and when it comes back it learns from its ticket whether
 // the request is still its own.
-class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
+//
+// The socket loop's thread may run a request itself when the service has nothing to do (the
+// host's choice, see LoopIntake): the request is then held for it at intake instead of queued,
+// runs as a ticket like any other, and the service's other requests wait behind it as they would
+// behind the request thread. Its timer is armed for the earlier of its deadline and the end of
+// the loop's budget; when the budget ends first, the monitor asks the loop to go on in a fresh
+// thread, and the request finishes where it is.
+class ServiceCore : public std::enable_shared_from_this<ServiceCore>, private LoopIntake::Held {
 public:
     // One request, from its intake to its end. The message belongs to the ticket; the thread
     // that runs the request holds the ticket, so the message lives as long as that thread may
@@ -78,6 +87,7 @@ public:
         bool m_bHandled = false;  // the service took its timeout on itself
         bool m_bLeft = false;     // written by its own thread: it was taken away, and left
         bool m_bHasDeadline = false;
+        timespec m_started{0, 0};   // CLOCK_MONOTONIC
         timespec m_deadline{0, 0};  // CLOCK_MONOTONIC
         int m_nHalDepth = 0;        // its own thread only
         int m_nCallerUnwinds = 0;   // its own thread only
@@ -116,6 +126,10 @@ public:
     // The message of the next queued request, taken out of the queue; null when none waits.
     SFMessage* TakeQueuedMessage();
     void ClearQueued();
+    // Intake on the socket loop's thread with an intake open: holds the request there, to be run
+    // by that thread once the transmission is delivered, when the service has nothing queued,
+    // running or held and its last request did not outlive the budget. False: Submit it.
+    bool HoldForLoop(SFMessage* msg, ClientRef sender, LoopIntake& intake);
 
     // The request thread. Take waits for the next request (null when the service stops or the
     // thread was replaced), makes it the current one and arms its deadline.
@@ -139,6 +153,11 @@ public:
 
     // The monitor.
     int TimerFd() const { return m_nTimerFd; }
+    // After the timer fired: re-arms it for what is still ahead, and returns the loop's hand-off
+    // when a request run by the loop's thread has outlived its budget. The caller calls it and
+    // reports with HandOffDone.
+    std::shared_ptr<LoopHandOff> OnTimer();
+    void HandOffDone(bool moved);
     std::shared_ptr<Ticket> ClaimDue();      // the current request if its deadline has passed
     std::shared_ptr<Ticket> ClaimCurrent();  // the current request, whatever its deadline
     void HandBack(Ticket& t);                // the service handled the timeout itself
@@ -172,7 +191,19 @@ public:
 private:
     ServiceCore(SFService* service, const std::string& name);
     void Leave(Ticket& t);  // with the lock held
-    void Disarm();
+    // With the lock held: makes a taken ticket the current request, and arms the timer.
+    void StartLocked(const std::shared_ptr<Ticket>& t);
+    // Without the lock, on the request's thread once it started: its trace lines.
+    void Started(Ticket& t);
+    // With the lock held: arms the timer for the earliest of the current request's deadline and
+    // the end of the loop's budget, or disarms it when there is neither.
+    void ArmLocked();
+    // With the lock held: the held or running request of the loop is over; what waits behind it
+    // may run. True when the request thread has to be woken (after the lock).
+    bool OpenLoopGate(const Ticket& t);
+    bool RunOnLoop(const std::shared_ptr<LoopHandOff>& handOff, int budgetMicros) override;
+    void DropFromLoop() override;
+    bool Ready() const { return !m_queue.empty() && !m_loopTicket; }  // with the lock held
 
     SFService* const m_service;  // used only by threads counted busy
     const std::string m_strName;
@@ -197,6 +228,19 @@ private:
     pid_t m_nSleeperTid = 0;
     bool m_bSleeperMoved = false;
     std::shared_ptr<Ticket> m_current;
+    // The request held for, or run by, the socket loop's thread, until it is done or timed out.
+    std::shared_ptr<Ticket> m_loopTicket;
+    // The loop's run, from its start to its end on the loop's thread: active, a hand-off asked
+    // for (claimed), and its outcome, which the loop's thread waits for when it comes back.
+    enum LoopRun { LOOP_IDLE, LOOP_ACTIVE, LOOP_CLAIMED, LOOP_MOVED, LOOP_STAYED };
+    LoopRun m_loopRun = LOOP_IDLE;
+    std::shared_ptr<LoopHandOff> m_handOff;
+    timespec m_handOffAt{0, 0};
+    int m_nLoopBudgetMicros = 0;  // of the last request held for the loop
+    bool m_bLastRunSlow = false;  // the last request outlived that budget: the next one queues
+    // What the timer is armed for, as far as this side knows (a firing disarms it).
+    bool m_bArmed = false;
+    timespec m_armedAt{0, 0};
     // Replies: queued in the service's response queue, with their senders in the same order.
     std::deque<ClientRef> m_senders;
     int m_nQueuedReplies = 0;
@@ -210,6 +254,9 @@ private:
 // request was taken away (counted out already: the service may be gone).
 enum PassEnd { PASS_NEXT, PASS_RETIRED, PASS_TAKEN_AWAY };
 PassEnd RunRequestPass(SFService& service, ServiceCore& core, uint64_t generation);
+// The same for a ticket already taken (never PASS_RETIRED).
+PassEnd RunTakenRequest(SFService& service, ServiceCore& core,
+                        const std::shared_ptr<ServiceCore::Ticket>& ticket);
 
 // A timeout of the ticket that the caller claimed (service/SFServiceTimeout.cpp).
 void TimeOutRequest(SFService& service, ServiceCore& core,

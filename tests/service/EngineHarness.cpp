@@ -27,6 +27,8 @@ void TestHal::Reset() { HalFunc<void (*)()>("test_hal_reset")(); }
 void TestHal::Release() { HalFunc<void (*)()>("test_hal_release")(); }
 int TestHal::Blocked() { return HalFunc<int (*)()>("test_hal_blocked")(); }
 int TestHal::Calls() { return HalFunc<int (*)()>("test_hal_calls")(); }
+pthread_t TestHal::LastCaller() { return HalFunc<pthread_t (*)()>("test_hal_last_caller")(); }
+
 std::string TestHal::LastInput() {
     char buf[4096];
     int n = HalFunc<int (*)(char*, int)>("test_hal_last_input")(buf, sizeof buf);

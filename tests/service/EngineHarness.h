@@ -1,6 +1,8 @@
 #ifndef VORN_TESTS_SERVICE_ENGINEHARNESS_H
 #define VORN_TESTS_SERVICE_ENGINEHARNESS_H
 
+#include <pthread.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -20,6 +22,7 @@ struct TestHal {
     static int Blocked();
     static int Calls();
     static std::string LastInput();
+    static pthread_t LastCaller();  // the thread of the last call
 };
 
 // A configuration in which all three services bind the test HAL, with 1-second time-outs.

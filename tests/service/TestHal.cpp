@@ -1,4 +1,5 @@
 // A HAL for the engine's tests: functions that echo, fail, block until released, throw.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,11 +20,13 @@ bool g_released = false;
 int g_blocked = 0;
 int g_calls = 0;
 std::string g_lastInput;
+pthread_t g_lastCaller{};
 
 void Record(const std::vector<char>* in) {
     std::lock_guard<std::mutex> lock(g_lock);
     ++g_calls;
     g_lastInput.assign(in->begin(), in->end());
+    g_lastCaller = pthread_self();
 }
 
 int ParseInt(const std::vector<char>* in) {
@@ -52,6 +55,10 @@ int test_hal_blocked() {
 int test_hal_calls() {
     std::lock_guard<std::mutex> lock(g_lock);
     return g_calls;
+}
+pthread_t test_hal_last_caller() {
+    std::lock_guard<std::mutex> lock(g_lock);
+    return g_lastCaller;
 }
 int test_hal_last_input(char* out, int size) {
     std::lock_guard<std::mutex> lock(g_lock);
