@@ -145,7 +145,10 @@ int CmdIOService::InternalBufferedFlush(char const* command, int length) {
 // could be.
 int CmdIOService::HandleResponse(unsigned char const* data, int length, void* client) {
     if (client == nullptr || length < 0) return 0;
-    const std::shared_ptr<FrontEndState> state = FrontEndState::Find(this);
+    // The loop's own thread (answering a command itself) has the state at hand.
+    FrontEndState* state = FrontEndState::OfLoop(this);
+    std::shared_ptr<FrontEndState> found;
+    if (!state) state = (found = FrontEndState::Find(this)).get();
     auto* slot = static_cast<std::atomic<int>*>(client);
     const int index = SlotIndex(client);
     const int waitMs = state ? state->replyWaitMs.load() : 1000;
@@ -169,7 +172,7 @@ int CmdIOService::HandleResponse(unsigned char const* data, int length, void* cl
         errno = EAGAIN;
         return -1;
     }
-    const TurnHolder held{state.get(), turn};
+    const TurnHolder held{state, turn};
 
     pthread_mutex_lock(&m_mutex);
     const int fd = *slot;

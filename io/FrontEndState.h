@@ -137,6 +137,9 @@ public:
     int64_t lastReportMs = 0;
     long unreported = 0;  // failures since the burst's last log line
     int lastError = 0;
+    // The look-ahead after a command the loop's thread answered itself (see WaitRound).
+    bool answered = false;
+    bool lookAheadWorthIt = true;
 
 private:
     std::mutex m_turnLock;  // guards m_writing

@@ -38,6 +38,7 @@ public:
     // own internal requests, any other thread).
     static LoopIntake* Current();
     int BudgetMicros() const { return m_nBudgetMicros; }
+    bool Holds() const { return m_pHeld != nullptr; }
     // `keep` keeps the implementation alive until the request has run or been dropped.
     void Hold(Held* request, std::shared_ptr<void> keep);
     // Closes the intake and runs what it holds. False when the loop was handed on meanwhile.

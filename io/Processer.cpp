@@ -4,12 +4,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -20,6 +22,7 @@
 #include "io/FrontEndState.h"
 #include "io/LoopIntake.h"
 #include "platform/LogMessage.h"
+#include "service/MessageQueue.h"
 
 namespace {
 const size_t kNameSize = 256;
@@ -613,8 +616,31 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
     const int controlFd = state.controlFd;
     if (controlFd >= 0) polled.push_back({controlFd, POLLIN, 0});
 
+    // After answering a command on its own thread, the loop looks for the next one for the
+    // look-ahead window before it sleeps: a client that sends back to back then finds it awake
+    // instead of waking it on another processor. While commands come slower than the window,
+    // the loop sleeps at once, until one came within it again.
+    const bool lookAhead = state.answered && timeout != 0;
+    state.answered = false;
+    const int micros = lookAhead ? GetQueueSpinMicros() : 0;
+    const auto waitStart = FrontEndState::Clock::now();
+    int found = 0;
+    if (micros > 0 && state.lookAheadWorthIt) {
+        const auto until = waitStart + std::chrono::microseconds(micros);
+        do {
+            found = poll(polled.data(), polled.size(), 0);
+            if (found != 0) break;
+            sched_yield();
+        } while (FrontEndState::Clock::now() < until);
+        state.lookAheadWorthIt = found > 0;
+    }
     // An endless wait ends by input, by the control descriptor or by a signal (EINTR).
-    if (poll(polled.empty() ? nullptr : polled.data(), polled.size(), timeout) < 0) return -1;
+    if (found <= 0) {
+        if (poll(polled.empty() ? nullptr : polled.data(), polled.size(), timeout) < 0) return -1;
+        if (micros > 0)
+            state.lookAheadWorthIt =
+                FrontEndState::Clock::now() < waitStart + std::chrono::microseconds(2 * micros);
+    }
     if (controlFd >= 0) {
         const short events = polled.back().revents;
         if (events & POLLNVAL) {
@@ -735,10 +761,10 @@ void Processer::Run() {
         TendSlots(*state);
         int maxFd = GetMaxFd();
         UpdateFdSet(&m_readSet);
-        // Only while it is still one of ours: the number of a client that left may already
-        // belong to another part of the process.
-        int lastFd = m_nLastClientFd;
-        if (lastFd != -1 && IsClientFd(m_nClientFds, lastFd)) fcntl(lastFd, F_SETFL, 0);
+        // Every client's status flags are 0 here: clients are accepted blocking, and a
+        // descriptor made non-blocking for a long transmission is restored as soon as it has
+        // been read. Setting them again each round would cost a call per command and change
+        // nothing.
 
         const int ready = WaitRound(*state, maxFd);
         if (ready < 0 && errno == EINTR) {
@@ -849,7 +875,9 @@ void Processer::Run() {
             // The command held for this thread runs now that nothing of the round is in use.
             // When it outlived the budget the loop went on in a fresh thread, and this one
             // leaves without touching the object, which may be gone by now.
+            const bool ran = intake.Holds();
             if (!intake.RunHeld(state)) return;
+            state->answered = state->answered || ran;
         }
     }
     if (result == 0) LogMessage(2, "VORN", "Run").stream() << "socket loop stopped";

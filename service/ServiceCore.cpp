@@ -229,7 +229,7 @@ bool ServiceCore::RunOnLoop(const std::shared_ptr<LoopHandOff>& handOff, int bud
         m_loopRun = LOOP_IDLE;
         m_handOff.reset();
         wake = OpenLoopGate(*t);  // a request taken away by the service's stop
-        ArmLocked();
+        ArmLocked(!moved && !Stopping());
     }
     if (wake) m_work.notify_one();
     return !moved;
@@ -463,7 +463,7 @@ bool ServiceCore::RefuseHalCall() {
     return true;
 }
 
-void ServiceCore::ArmLocked() {
+void ServiceCore::ArmLocked(bool loopRunEnded) {
     if (m_nTimerFd < 0) return;
     // Arming wakes nobody: the monitor wakes when the time passes.
     bool any = false;
@@ -477,12 +477,23 @@ void ServiceCore::ArmLocked() {
         at = m_handOffAt;
         any = true;
     }
+    bool ahead = false;
+    if (!any && loopRunEnded) {
+        // Armed ahead for the loop's next run: a station's next command usually comes within
+        // the budget, and then finds the timer armed early enough already, with no call on its
+        // way. When none comes, the monitor wakes once at this time and leaves it disarmed.
+        at = AddMicros(Now(), m_nLoopBudgetMicros);
+        any = ahead = true;
+    }
     if (any) {
         if (m_bArmed && m_armedAt.tv_sec == at.tv_sec && m_armedAt.tv_nsec == at.tv_nsec) return;
+        // Armed ahead for an earlier time than needed: the monitor re-arms it when it fires.
+        if (m_bArmed && m_bArmedAhead && !ahead && !NotBefore(m_armedAt, at)) return;
         itimerspec when{};
         when.it_value = at;
         timerfd_settime(m_nTimerFd, TFD_TIMER_ABSTIME, &when, nullptr);
         m_bArmed = true;
+        m_bArmedAhead = ahead;
         m_armedAt = at;
     } else if (m_bArmed) {
         const itimerspec off{};

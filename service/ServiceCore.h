@@ -196,8 +196,9 @@ private:
     // Without the lock, on the request's thread once it started: its trace lines.
     void Started(Ticket& t);
     // With the lock held: arms the timer for the earliest of the current request's deadline and
-    // the end of the loop's budget, or disarms it when there is neither.
-    void ArmLocked();
+    // the end of the loop's budget, or disarms it when there is neither; after a quick run on
+    // the loop's thread, arms it ahead for the next one.
+    void ArmLocked(bool loopRunEnded = false);
     // With the lock held: the held or running request of the loop is over; what waits behind it
     // may run. True when the request thread has to be woken (after the lock).
     bool OpenLoopGate(const Ticket& t);
@@ -240,6 +241,7 @@ private:
     bool m_bLastRunSlow = false;  // the last request outlived that budget: the next one queues
     // What the timer is armed for, as far as this side knows (a firing disarms it).
     bool m_bArmed = false;
+    bool m_bArmedAhead = false;  // for a run of the loop that has not come yet
     timespec m_armedAt{0, 0};
     // Replies: queued in the service's response queue, with their senders in the same order.
     std::deque<ClientRef> m_senders;
