@@ -170,8 +170,8 @@ const OptionRow kOptions[] = {
          return true;
      }},
     {"queue-spin-us", 0, "N",
-     "how long a service thread that runs out of work keeps looking for more before it sleeps, "
-     "0-1000 microseconds (default 50)",
+     "how long a service thread that runs out of work, or the socket loop after a command it "
+     "answered, keeps looking for more before it sleeps, 0-1000 microseconds (default 50)",
      [](Options& opt, const std::string& v) {
          return ParseBounded("--queue-spin-us", v, 1000, "", opt.queueSpinMicros);
      }},
