@@ -307,7 +307,7 @@ bool Processer::GetCloseStalledClients() const {
 
 void Processer::SetLoopRunsRequests(int budgetMicros) {
     if (auto state = FrontEndState::Find(this))
-        state->loopBudgetMicros = std::max(0, std::min(budgetMicros, kMaxLoopBudgetMicros));
+        state->loopBudgetMicros = std::max(0, std::min(budgetMicros, int{kMaxLoopBudgetMicros}));
 }
 
 int Processer::GetLoopRunsRequests() const {

@@ -203,9 +203,9 @@ bool ServiceCore::RunOnLoop(const std::shared_ptr<LoopHandOff>& handOff, int bud
     {
         std::lock_guard<std::mutex> lock(m_lock);
         t = m_loopTicket;
-        if (Stopping()) {
+        if (!t || Stopping()) {
             // Dropped with the queued ones: the service stops.
-            const bool wake = OpenLoopGate(*t);
+            const bool wake = t && OpenLoopGate(*t);
             if (--m_nBusy == 0) m_changed.notify_all();
             if (wake) m_work.notify_one();
             return true;
