@@ -2,6 +2,7 @@
 #define VORN_TESTS_DAEMON_CHILDPROCESS_H
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -112,6 +113,16 @@ inline RunResult RunProgram(const std::vector<std::string>& argv, const std::str
     if (!child.Start(argv, env, input)) return {};
     child.Wait(limit);
     return {child.ExitStatus(), child.Stdout(), child.Stderr()};
+}
+
+// One command to a daemon run as `daemon`, sent on `client`, and its reply; a missing reply, or
+// one to another command, fails the test with the daemon's output.
+inline Reply AskDaemon(Client& client, const ChildProcess& daemon, const std::string& command) {
+    Reply reply;
+    EXPECT_TRUE(client.Send(command));
+    EXPECT_TRUE(client.ReadReply(reply)) << command << "\n" << daemon.Stderr();
+    EXPECT_EQ(reply.request, command);
+    return reply;
 }
 
 }  // namespace vorn_test

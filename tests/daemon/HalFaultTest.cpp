@@ -99,13 +99,7 @@ protected:
         return rows;
     }
 
-    Reply Ask(const std::string& command) {
-        Reply reply;
-        EXPECT_TRUE(client.Send(command));
-        EXPECT_TRUE(client.ReadReply(reply)) << command << "\n" << daemon.Stderr();
-        EXPECT_EQ(reply.request, command);
-        return reply;
-    }
+    Reply Ask(const std::string& command) { return AskDaemon(client, daemon, command); }
 
     // Still alive and serving both services, through a connection made now.
     void ExpectServing() {

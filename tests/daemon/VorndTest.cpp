@@ -36,13 +36,7 @@ protected:
         ASSERT_TRUE(vorn_test::Await([&] { return client.Connect(socket); })) << daemon.Stderr();
     }
 
-    Reply Ask(const std::string& command) {
-        Reply reply;
-        EXPECT_TRUE(client.Send(command));
-        EXPECT_TRUE(client.ReadReply(reply)) << command << "\n" << daemon.Stderr();
-        EXPECT_EQ(reply.request, command);
-        return reply;
-    }
+    Reply Ask(const std::string& command) { return AskDaemon(client, daemon, command); }
 
     // A request thread kept busy for good must not hold up the shutdown.
     void StopsWithinASecondOn(int signo) {
