@@ -176,14 +176,18 @@ bool FrontEndState::HandOff() {
         // Being stopped: the loop ends here, and its thread leaves once its command is over.
         pthread_detach(loopThread);
         loopThread = pthread_t{};
-        loopRunning = false;
-        loopResult = 0;
         callback = loopEndCallback;
         context = loopEndContext;
     }
-    loopEnded.notify_all();
+    // As at the end of Run: the line and the callback come before Stop may return.
     LogMessage(2, "VORN", "Run").stream() << "socket loop stopped";
+    loopResult = 0;
     if (callback) callback(0, context);
+    {
+        std::lock_guard<std::mutex> lock(loopLock);
+        loopRunning = false;
+    }
+    loopEnded.notify_all();
     return true;
 }
 
