@@ -139,7 +139,7 @@ public:
     int lastError = 0;
     // The look-ahead after a command the loop's thread answered itself (see WaitRound).
     bool answered = false;
-    bool lookAheadWorthIt = true;
+    bool lookAhead = true;
 
 private:
     std::mutex m_turnLock;  // guards m_writing

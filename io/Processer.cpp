@@ -4,14 +4,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -22,6 +20,7 @@
 #include "io/FrontEndState.h"
 #include "io/LoopIntake.h"
 #include "platform/LogMessage.h"
+#include "platform/LookAhead.h"
 #include "service/MessageQueue.h"
 
 namespace {
@@ -624,26 +623,14 @@ int Processer::WaitRound(FrontEndState& state, int maxFd) {
     // look-ahead window before it sleeps: a client that sends back to back then finds it awake
     // instead of waking it on another processor. While commands come slower than the window,
     // the loop sleeps at once, until one came within it again.
-    const bool lookAhead = state.answered && timeout != 0;
+    LookAhead look(state.lookAhead, state.answered && timeout != 0 ? GetQueueSpinMicros() : 0);
     state.answered = false;
-    const int micros = lookAhead ? GetQueueSpinMicros() : 0;
-    const auto waitStart = FrontEndState::Clock::now();
     int found = 0;
-    if (micros > 0 && state.lookAheadWorthIt) {
-        const auto until = waitStart + std::chrono::microseconds(micros);
-        do {
-            found = poll(polled.data(), polled.size(), 0);
-            if (found != 0) break;
-            sched_yield();
-        } while (FrontEndState::Clock::now() < until);
-        state.lookAheadWorthIt = found > 0;
-    }
+    look.Look([&] { return (found = poll(polled.data(), polled.size(), 0)) != 0; });
     // An endless wait ends by input, by the control descriptor or by a signal (EINTR).
     if (found <= 0) {
         if (poll(polled.empty() ? nullptr : polled.data(), polled.size(), timeout) < 0) return -1;
-        if (micros > 0)
-            state.lookAheadWorthIt =
-                FrontEndState::Clock::now() < waitStart + std::chrono::microseconds(2 * micros);
+        look.Slept();
     }
     if (controlFd >= 0) {
         const short events = polled.back().revents;

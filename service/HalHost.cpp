@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -88,24 +87,6 @@ bool AwaitExit(pid_t pid, int limitMs, int& status) {
         usleep(10000);
         if (waitpid(pid, &status, WNOHANG) == pid) return true;
     }
-    return false;
-}
-
-// Before a reply is slept on, it is looked for a little while (yielding the processor between
-// looks), for the engine's look-ahead window (GetQueueSpinMicros): a HAL function that answers
-// within it costs no wake-up of the calling thread on the other processor. A call that outlasts
-// the window turns the look-ahead off for the next one, and a later call that answers within
-// twice the window turns it on again, so slow HAL functions cost no spinning.
-bool LookForReply(int fd, bool& worthIt) {
-    const int micros = GetQueueSpinMicros();
-    if (micros <= 0 || !worthIt) return false;
-    const auto start = std::chrono::steady_clock::now();
-    const auto window = std::chrono::microseconds(micros);
-    do {
-        if (AwaitInput(fd, 0) != 0) return true;  // a reply, or the channel's end
-        sched_yield();
-    } while (std::chrono::steady_clock::now() - start < window);
-    worthIt = false;
     return false;
 }
 
@@ -348,13 +329,14 @@ int HalHost::Transact(std::unique_lock<std::mutex>& lock, uint32_t kind, const s
     } while (sent < 0 && errno == EINTR);
     ssize_t n = -1;
     if (sent >= 0) {
-        // Only the busy caller touches the look-ahead flag.
-        const auto asleep = std::chrono::steady_clock::now();
-        const bool seen = receiveLimitMs < 0 && LookForReply(fd, m_bLookAhead);
+        // Before the reply is slept on, it is looked for for the engine's look-ahead window: a
+        // HAL function that answers within it costs no wake-up of this thread on the other
+        // processor. Only the busy caller touches the look-ahead flag; a call with a time
+        // limit (the host's start) is not looked ahead for.
+        LookAhead look(m_bLookAhead, receiveLimitMs < 0 ? GetQueueSpinMicros() : 0);
+        const bool seen = look.Look([fd] { return AwaitInput(fd, 0) != 0; });  // or its end
         n = ReceiveFrame(fd, m_reply, receiveLimitMs);
-        if (!seen && receiveLimitMs < 0 && !m_bLookAhead)
-            m_bLookAhead = std::chrono::steady_clock::now() - asleep <
-                           std::chrono::microseconds(2 * GetQueueSpinMicros());
+        if (!seen) look.Slept();
     }
     lock.lock();
     m_bBusy = false;

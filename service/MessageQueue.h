@@ -2,13 +2,12 @@
 #define VORN_SERVICE_MESSAGEQUEUE_H
 
 #include <pthread.h>
-#include <sched.h>
 
-#include <chrono>
 #include <cstddef>
 #include <deque>
 
 #include "core/VornExport.h"
+#include "platform/LookAhead.h"
 
 // How long, in microseconds, a consumer that finds its queue empty keeps looking (yielding the
 // processor between looks) before it sleeps on the queue's condition. A command usually comes
@@ -84,36 +83,24 @@ public:
 
 private:
     // Called and left with the lock held: at most one sleep on the condition, after a bounded
-    // look-ahead, so a queue that stays empty costs no processor time.
+    // look-ahead, so a queue that stays empty costs no processor time. Each consumer thread
+    // takes from one queue only, so its own look-ahead flag speaks for this queue.
     void WaitOnce() {
-        const int micros = GetQueueSpinMicros();
-        if (micros <= 0) {
-            pthread_cond_wait(&m_cond, &m_mutex);
-            return;
-        }
-        // Each consumer thread takes from one queue only, so its last wait tells whether a
-        // look-ahead pays: while messages come within the window it does; when they come
-        // slower (or not at all) the thread sleeps at once, as it would without one.
-        static thread_local bool t_worthIt = true;
-        const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(micros);
-        if (t_worthIt) {
-            do {
-                pthread_mutex_unlock(&m_mutex);
-                // A yield, not a pause: with more awake threads than processors the producer
-                // may need this very processor to put the message in.
-                sched_yield();
-                pthread_mutex_lock(&m_mutex);
-            } while (m_bActive && m_queue.empty() && std::chrono::steady_clock::now() < until);
-            if (!m_bActive || !m_queue.empty()) return;
-            t_worthIt = false;
-            pthread_cond_wait(&m_cond, &m_mutex);
-            return;
-        }
+        static thread_local bool t_lookAhead = true;
+        LookAhead look(t_lookAhead, GetQueueSpinMicros());
+        // The looks take the lock; a look that found something keeps it.
+        pthread_mutex_unlock(&m_mutex);
+        const bool found = look.Look([this] {
+            pthread_mutex_lock(&m_mutex);
+            if (!m_bActive || !m_queue.empty()) return true;
+            pthread_mutex_unlock(&m_mutex);
+            return false;
+        });
+        if (found) return;
+        pthread_mutex_lock(&m_mutex);
+        if (!m_bActive || !m_queue.empty()) return;
         pthread_cond_wait(&m_cond, &m_mutex);
-        // The wait includes the wake-up itself, which costs about as much again as the window
-        // on a machine where that is worth avoiding: a message that came within the window
-        // shows as a wait of up to twice it.
-        t_worthIt = std::chrono::steady_clock::now() < until + std::chrono::microseconds(micros);
+        look.Slept();
     }
 
     pthread_mutex_t m_mutex;  // guards m_queue and m_bActive

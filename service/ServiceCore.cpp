@@ -12,6 +12,7 @@
 #include "core/SFMessage.h"
 #include "io/LoopHandOff.h"
 #include "platform/LogMessage.h"
+#include "platform/LookAhead.h"
 #include "service/HalIsolation.h"
 #include "service/MessageQueue.h"
 #include "service/SFService.h"
@@ -282,22 +283,13 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
     }
     if (!Ready() && !retired()) {
         // A command usually comes back within the look-ahead window, and a thread still awake
-        // takes it without being woken on another processor. When commands come slower, the
-        // window is not worth it and the thread sleeps at once, until one came within it again.
-        static thread_local bool t_worthIt = true;
-        const int micros = GetQueueSpinMicros();
-        const auto start = std::chrono::steady_clock::now();
-        const auto until = start + std::chrono::microseconds(micros);
-        if (micros > 0 && t_worthIt) {
-            // Looks without the lock, so that the intake never finds it taken by the look.
-            lock.unlock();
-            do {
-                sched_yield();
-            } while (m_nQueued.load(std::memory_order_acquire) == 0 && !Stopping() &&
-                     std::chrono::steady_clock::now() < until);
-            lock.lock();
-            t_worthIt = Ready() || retired();
-        }
+        // takes it without being woken on another processor. Looks without the lock, so that
+        // the intake never finds it taken by the look.
+        static thread_local bool t_lookAhead = true;
+        LookAhead look(t_lookAhead, GetQueueSpinMicros());
+        lock.unlock();
+        look.Look([this] { return m_nQueued.load(std::memory_order_acquire) != 0 || Stopping(); });
+        lock.lock();
         if (!Ready() && !retired()) {
             static thread_local cpu_set_t t_allowed;
             static thread_local bool t_knowsAllowed =
@@ -309,9 +301,7 @@ std::shared_ptr<ServiceCore::Ticket> ServiceCore::Take(uint64_t generation) {
                 m_bSleeperMoved = false;
                 sched_setaffinity(0, sizeof t_allowed, &t_allowed);
             }
-            if (micros > 0)
-                t_worthIt = std::chrono::steady_clock::now() <
-                            start + std::chrono::microseconds(2 * micros);
+            look.Slept();
         }
     }
     if (retired()) return nullptr;
