@@ -75,6 +75,9 @@ public:
     pthread_t loopThread{};
     // LoopHandOff: a fresh thread takes the loop, or, when the loop is being stopped, it ends.
     bool HandOff() override;
+    // The loop has ended, on its thread or at a hand-off: the line of a stop, the result, the
+    // host's callback, then Stop may return.
+    void LoopEnded(int result);
     // An eventfd in every wait of the loop. Stop and a reply that finds its client stalled write
     // to it; only the loop reads it. -1 once the loop found it closed under it.
     std::atomic<int> controlFd{-1};

@@ -149,9 +149,18 @@ void FrontEndState::Wake() {
     } while (n < 0 && errno == EINTR);
 }
 
+void FrontEndState::LoopEnded(int result) {
+    if (result == 0) LogMessage(2, "VORN", "Run").stream() << "socket loop stopped";
+    loopResult = result;
+    if (loopEndCallback) loopEndCallback(result, loopEndContext);
+    {
+        std::lock_guard<std::mutex> lock(loopLock);
+        loopRunning = false;
+    }
+    loopEnded.notify_all();
+}
+
 bool FrontEndState::HandOff() {
-    Processer::LoopEndCallback callback = nullptr;
-    void* context = nullptr;
     {
         std::lock_guard<std::mutex> lock(loopLock);
         if (!loopRunning || owner == nullptr) return false;  // a loop its host runs by hand
@@ -175,18 +184,8 @@ bool FrontEndState::HandOff() {
         // Being stopped: the loop ends here, and its thread leaves once its command is over.
         pthread_detach(loopThread);
         loopThread = pthread_t{};
-        callback = loopEndCallback;
-        context = loopEndContext;
     }
-    // As at the end of Run: the line and the callback come before Stop may return.
-    LogMessage(2, "VORN", "Run").stream() << "socket loop stopped";
-    loopResult = 0;
-    if (callback) callback(0, context);
-    {
-        std::lock_guard<std::mutex> lock(loopLock);
-        loopRunning = false;
-    }
-    loopEnded.notify_all();
+    LoopEnded(0);
     return true;
 }
 
@@ -871,13 +870,6 @@ void Processer::Run() {
             state->answered = state->answered || ran;
         }
     }
-    if (result == 0) LogMessage(2, "VORN", "Run").stream() << "socket loop stopped";
     FrontEndState::SetLoop(nullptr, nullptr);
-    state->loopResult = result;
-    if (state->loopEndCallback) state->loopEndCallback(result, state->loopEndContext);
-    {
-        std::lock_guard<std::mutex> lock(state->loopLock);
-        state->loopRunning = false;
-    }
-    state->loopEnded.notify_all();
+    state->LoopEnded(result);
 }
