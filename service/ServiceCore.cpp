@@ -472,7 +472,14 @@ void ServiceCore::ArmLocked(bool loopRunEnded) {
         // Armed ahead for the loop's next run: a station's next command usually comes within
         // the budget, and then finds the timer armed early enough already, with no call on its
         // way. When none comes, the monitor wakes once at this time and leaves it disarmed.
-        at = AddMicros(Now(), m_nLoopBudgetMicros);
+        // A timer still ahead by half a budget or more is left as it is, so that a busy station
+        // costs one call per half budget instead of one per command: a run that outlasts it
+        // finds the monitor re-arming the timer for the run's own budget.
+        const timespec now = Now();
+        if (m_bArmed && m_bArmedAhead &&
+            NotBefore(m_armedAt, AddMicros(now, m_nLoopBudgetMicros / 2)))
+            return;
+        at = AddMicros(now, m_nLoopBudgetMicros);
         any = ahead = true;
     }
     if (any) {
