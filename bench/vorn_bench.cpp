@@ -69,6 +69,7 @@ struct Options {
     int spinUs = 50;  // the look-ahead window of the shaped echoes' spin variants
     bool check = false;
     bool quick = false;
+    bool pinned = true;  // the target cases again with every process on a chosen processor
 };
 
 void Usage(const char* self) {
@@ -90,6 +91,8 @@ void Usage(const char* self) {
         "                      valgrind); no start-up figures, /proc figures only with --pid\n"
         "  --pid PID           the process behind --attach\n"
         "  --quick             2000 round trips, 3 start-ups, 2 idle seconds\n"
+        "  --no-pinning        skip the cases with the client and the servers on chosen\n"
+        "                      processors (the same one, then two different ones)\n"
         "  --check             exit 1 when a target is missed (JXT p50 ratio > 2.5,\n"
         "                      RSS >= 8 MiB, idle ticks > 0, \"JXT+GSENSOR=1\" through the HAL\n"
         "                      hosts > 2x the same vornd with --hal-isolation=none)\n",
@@ -129,6 +132,8 @@ bool ParseOptions(int argc, char** argv, Options& opt) {
             opt.idleSeconds = 2;
         } else if (a == "--check") {
             opt.check = true;
+        } else if (a == "--no-pinning") {
+            opt.pinned = false;
         } else if (a == "--vornd" && value(v)) {
             opt.vornd = v;
         } else if (a == "--vornd-arg" && value(v)) {
@@ -821,6 +826,52 @@ std::vector<pid_t> ChildrenOf(pid_t parent) {
     return children;
 }
 
+// ---------------------------------------------------------------------------------------------
+// Placement
+//
+// On a machine of few processors, where the scheduler puts a server's threads can weigh more
+// than the server's own work: waking a thread on the client's processor costs a switch, waking
+// one on an idle processor costs an interrupt that brings the processor out of halt (tens of
+// microseconds in a virtual machine that does not poll before it halts). The scheduler keeps a
+// thread where it last ran while that processor is idle, so a server keeps its first placement
+// for a whole case, and two servers of one run can differ by that alone. The pinned cases take
+// placement out of the comparison: the client and every server on one processor, then the
+// servers on another one.
+
+struct Placement {
+    const char* suffix;  // appended to the case's name
+    int clientCpu = -1;  // -1: wherever the scheduler puts it
+    int serverCpu = -1;
+};
+
+// Every thread of `pid` and of its children (vornd's HAL hosts) on `cpus`; a thread that ends
+// meanwhile does not count as a failure.
+bool PinProcess(pid_t pid, const cpu_set_t& cpus) {
+    if (pid <= 0) return false;
+    std::vector<pid_t> all = ChildrenOf(pid);
+    all.push_back(pid);
+    bool ok = true;
+    for (pid_t p : all) {
+        const std::string dir = "/proc/" + std::to_string(p) + "/task";
+        DIR* d = opendir(dir.c_str());
+        if (!d) continue;
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            if (sched_setaffinity(std::atoi(e->d_name), sizeof cpus, &cpus) != 0 && errno != ESRCH)
+                ok = false;
+        }
+        closedir(d);
+    }
+    return ok;
+}
+
+cpu_set_t OneCpu(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    return set;
+}
+
 std::string ThreadsOf(pid_t pid) {
     long n = StatusKiB(pid, "Threads");
     return n < 0 ? "?" : std::to_string(n);
@@ -921,6 +972,38 @@ void PrintTable(const Report& r) {
     std::printf(
         "| \"JXT+GSENSOR=1\" p50, HAL hosts to HAL in-process | %s | <= 2.00x |\n",
         r.isolatedGsensorRatio < 0 ? "-" : (Fixed(r.isolatedGsensorRatio, 2) + "x").c_str());
+}
+
+// The latency targets by placement: vornd, and vornd with its HAL in-process, as p50 ratios to
+// the raw echo of the same case.
+void PrintPlacementTargets(const Report& r) {
+    struct Target {
+        const char* name;
+        double limit;
+    };
+    const Target targets[] = {
+        {"\"JXT\"", 2.0}, {"\"JXT+GSENSOR=1\"", 2.3}, {"\"JXT\", one per ms", 2.5}};
+    const char* suffixes[] = {"", ", same processor", ", other processors"};
+    const auto inProcess = std::find(r.labels.begin(), r.labels.end(), "vornd, HAL in-process");
+    std::printf("\nby placement, p50 to the raw echo (vornd / with its HAL in-process):\n");
+    for (const Target& t : targets) {
+        std::string line;
+        for (const char* suffix : suffixes) {
+            const std::string name = std::string(t.name) + suffix;
+            auto c = std::find_if(r.cases.begin(), r.cases.end(), [&](const CaseResult& x) {
+                return x.name == name && x.error.empty();
+            });
+            if (c == r.cases.end()) continue;
+            const double echo = c->figures.front().lat.p50;
+            line += std::string("  ") + (*suffix ? suffix + 2 : "free") + " " +
+                    Ratio(c->figures.back().lat.p50, echo);
+            if (inProcess != r.labels.end())
+                line += " / " +
+                        Ratio(c->figures[static_cast<size_t>(inProcess - r.labels.begin())].lat.p50,
+                              echo);
+        }
+        std::printf("  %-22s (<= %.1fx):%s\n", t.name, t.limit, line.c_str());
+    }
 }
 
 std::string MachineLine() {
@@ -1075,10 +1158,52 @@ int main(int argc, char** argv) {
         // A slow test station: what a command costs when the threads have gone to sleep.
         {"\"JXT\", one per ms", "JXT", std::max<size_t>(opt.iterations / 10, 200), 1000},
     };
+    bool inStep = true;
     for (const Case& c : cases) {
         report.cases.push_back(MeasureCase(c.name, c.bytes, servers, c.iterations, c.paceUs, opt));
         PrintCase(report, report.cases.back());
-        if (!report.cases.back().error.empty()) break;  // the stream is out of step
+        inStep = report.cases.back().error.empty();
+        if (!inStep) break;  // the stream is out of step
+    }
+
+    // The cases with targets again, first with everything on one processor, then with the
+    // servers on another processor than the client. Skipped when a server's process is unknown
+    // (--attach without --pid) or the bench may use a single processor.
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    std::vector<int> cpus;
+    for (int i = 0; i < CPU_SETSIZE && cpus.size() < 2; ++i)
+        if (CPU_ISSET(i, &allowed)) cpus.push_back(i);
+    const bool canPin =
+        opt.pinned && cpus.size() == 2 &&
+        std::all_of(servers.begin(), servers.end(), [](const Server& sv) { return sv.pid > 0; });
+    if (opt.pinned && !canPin)
+        std::printf("pinned cases skipped: a single processor, or a server of unknown pid\n");
+    const Placement pinned[] = {
+        {", same processor", cpus.empty() ? 0 : cpus[0], cpus.empty() ? 0 : cpus[0]},
+        {", other processors", cpus.empty() ? 0 : cpus[0], cpus.size() < 2 ? 0 : cpus[1]}};
+    for (const Placement& where : pinned) {
+        if (!canPin || !inStep) break;
+        const cpu_set_t client = OneCpu(where.clientCpu), server = OneCpu(where.serverCpu);
+        bool ok = sched_setaffinity(0, sizeof client, &client) == 0;
+        for (const Server& sv : servers) ok = PinProcess(sv.pid, server) && ok;
+        if (!ok) {
+            std::printf("pinned cases skipped: cannot set the processor affinity\n");
+            break;
+        }
+        for (size_t i : {size_t{0}, size_t{1}, size_t{3}}) {
+            const Case& c = cases[i];
+            report.cases.push_back(MeasureCase(std::string(c.name) + where.suffix, c.bytes, servers,
+                                               c.iterations, c.paceUs, opt));
+            PrintCase(report, report.cases.back());
+            inStep = report.cases.back().error.empty();
+            if (!inStep) break;
+        }
+    }
+    if (canPin) {
+        sched_setaffinity(0, sizeof allowed, &allowed);
+        for (const Server& sv : servers) PinProcess(sv.pid, allowed);
     }
 
     // Four clients taking turns: each waits for its reply before the next one sends. The raw
@@ -1189,6 +1314,7 @@ int main(int argc, char** argv) {
             report.idleTicksWithHosts == 0 ? "met" : "MISSED");
     }
     PrintTable(report);
+    PrintPlacementTargets(report);
     std::printf("\nmachine: %s\n", MachineLine().c_str());
     for (const std::string& e : report.errors) std::printf("error: %s\n", e.c_str());
 
