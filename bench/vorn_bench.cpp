@@ -841,9 +841,12 @@ std::vector<pid_t> ChildrenOf(pid_t parent) {
 
 struct Placement {
     const char* suffix;  // appended to the case's name
-    int clientCpu = -1;  // -1: wherever the scheduler puts it
-    int serverCpu = -1;
+    int clientCpu;
+    int serverCpu;
 };
+
+// The case names' suffixes: free, then the two pinned placements.
+const char* const kPlacementSuffixes[] = {"", ", same processor", ", other processors"};
 
 // Every thread of `pid` and of its children (vornd's HAL hosts) on `cpus`; a thread that ends
 // meanwhile does not count as a failure.
@@ -978,14 +981,18 @@ void PrintTable(const Report& r) {
 // The p50 ratio of server `num` to server `den` (indices from the back: 0 is vornd) in case
 // `name`: the worse of the two pinned placements when they ran, since left free the two servers
 // may have landed in different placements; else the free one; -1 when it did not run.
+const CaseResult* FindCase(const Report& r, const std::string& name) {
+    for (const CaseResult& c : r.cases)
+        if (c.name == name && c.error.empty()) return &c;
+    return nullptr;
+}
+
 double PlacedRatio(const Report& r, const std::string& name, size_t num, size_t den, bool& pinned) {
     double ratio = -1;
     pinned = false;
-    for (const char* suffix : {"", ", same processor", ", other processors"}) {
-        auto c = std::find_if(r.cases.begin(), r.cases.end(), [&](const CaseResult& x) {
-            return x.name == name + suffix && x.error.empty();
-        });
-        if (c == r.cases.end()) continue;
+    for (const char* suffix : kPlacementSuffixes) {
+        const CaseResult* c = FindCase(r, name + suffix);
+        if (!c) continue;
         const auto& f = c->figures;
         const double v = f[f.size() - 1 - num].lat.p50 / f[f.size() - 1 - den].lat.p50;
         ratio = *suffix && pinned ? std::max(ratio, v) : v;
@@ -1003,17 +1010,13 @@ void PrintPlacementTargets(const Report& r) {
     };
     const Target targets[] = {
         {"\"JXT\"", 2.0}, {"\"JXT+GSENSOR=1\"", 2.3}, {"\"JXT\", one per ms", 2.5}};
-    const char* suffixes[] = {"", ", same processor", ", other processors"};
     const auto inProcess = std::find(r.labels.begin(), r.labels.end(), "vornd, HAL in-process");
     std::printf("\nby placement, p50 to the raw echo (vornd / with its HAL in-process):\n");
     for (const Target& t : targets) {
         std::string line;
-        for (const char* suffix : suffixes) {
-            const std::string name = std::string(t.name) + suffix;
-            auto c = std::find_if(r.cases.begin(), r.cases.end(), [&](const CaseResult& x) {
-                return x.name == name && x.error.empty();
-            });
-            if (c == r.cases.end()) continue;
+        for (const char* suffix : kPlacementSuffixes) {
+            const CaseResult* c = FindCase(r, std::string(t.name) + suffix);
+            if (!c) continue;
             const double echo = c->figures.front().lat.p50;
             line += std::string("  ") + (*suffix ? suffix + 2 : "free") + " " +
                     Ratio(c->figures.back().lat.p50, echo);
@@ -1200,28 +1203,27 @@ int main(int argc, char** argv) {
         std::all_of(servers.begin(), servers.end(), [](const Server& sv) { return sv.pid > 0; });
     if (opt.pinned && !canPin)
         std::printf("pinned cases skipped: a single processor, or a server of unknown pid\n");
-    const Placement pinned[] = {
-        {", same processor", cpus.empty() ? 0 : cpus[0], cpus.empty() ? 0 : cpus[0]},
-        {", other processors", cpus.empty() ? 0 : cpus[0], cpus.size() < 2 ? 0 : cpus[1]}};
-    for (const Placement& where : pinned) {
-        if (!canPin || !inStep) break;
-        const cpu_set_t client = OneCpu(where.clientCpu), server = OneCpu(where.serverCpu);
-        bool ok = sched_setaffinity(0, sizeof client, &client) == 0;
-        for (const Server& sv : servers) ok = PinProcess(sv.pid, server) && ok;
-        if (!ok) {
-            std::printf("pinned cases skipped: cannot set the processor affinity\n");
-            break;
-        }
-        for (size_t i : {size_t{0}, size_t{1}, size_t{3}}) {
-            const Case& c = cases[i];
-            report.cases.push_back(MeasureCase(std::string(c.name) + where.suffix, c.bytes, servers,
-                                               c.iterations, c.paceUs, opt));
-            PrintCase(report, report.cases.back());
-            inStep = report.cases.back().error.empty();
+    if (canPin && inStep) {
+        const Placement pinned[] = {{kPlacementSuffixes[1], cpus[0], cpus[0]},
+                                    {kPlacementSuffixes[2], cpus[0], cpus[1]}};
+        for (const Placement& where : pinned) {
             if (!inStep) break;
+            const cpu_set_t client = OneCpu(where.clientCpu), server = OneCpu(where.serverCpu);
+            bool ok = sched_setaffinity(0, sizeof client, &client) == 0;
+            for (const Server& sv : servers) ok = PinProcess(sv.pid, server) && ok;
+            if (!ok) {
+                std::printf("pinned cases skipped: cannot set the processor affinity\n");
+                break;
+            }
+            for (size_t i : {size_t{0}, size_t{1}, size_t{3}}) {
+                const Case& c = cases[i];
+                report.cases.push_back(MeasureCase(std::string(c.name) + where.suffix, c.bytes,
+                                                   servers, c.iterations, c.paceUs, opt));
+                PrintCase(report, report.cases.back());
+                inStep = report.cases.back().error.empty();
+                if (!inStep) break;
+            }
         }
-    }
-    if (canPin) {
         sched_setaffinity(0, sizeof allowed, &allowed);
         for (const Server& sv : servers) PinProcess(sv.pid, allowed);
     }
