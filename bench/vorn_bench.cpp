@@ -1122,40 +1122,28 @@ int main(int argc, char** argv) {
     const pid_t daemonPid = attached ? opt.attachPid : daemon.pid();
 
     std::vector<Server> servers;
+    auto addServer = [&servers](const std::string& label, const std::string& socket, Conn conn,
+                                pid_t pid) {
+        Server sv;
+        sv.label = label;
+        sv.socket = socket;
+        sv.conn = std::move(conn);
+        sv.pid = pid;
+        servers.push_back(std::move(sv));
+    };
     const char* echoLabels[] = {"raw echo", shapes[0].label, shapes[1].label, shapes[2].label,
                                 shapes[3].label};
-    for (size_t i = 0; i < echoNames.size(); ++i) {
-        Server sv;
-        sv.label = echoLabels[i];
-        sv.socket = echoNames[i];
-        sv.conn = Conn(Connect(echoNames[i]));
-        sv.pid = echoPids[i];
-        servers.push_back(std::move(sv));
-    }
-    if (!opt.baseline.empty()) {
-        Server sv;
-        sv.label = "vornd (baseline)";
-        sv.socket = baselineName;
-        sv.conn = ConnectWithin(baselineName, &baseline, std::chrono::seconds(10));
-        sv.pid = baseline.pid();
-        servers.push_back(std::move(sv));
-    }
-    if (!attached) {
-        Server sv;
-        sv.label = "vornd, HAL in-process";
-        sv.socket = inProcessName;
-        sv.conn = ConnectWithin(inProcessName, &inProcess, std::chrono::seconds(10));
-        sv.pid = inProcess.pid();
-        servers.push_back(std::move(sv));
-    }
-    {
-        Server sv;
-        sv.label = "vornd";
-        sv.socket = daemonName;
-        sv.conn = ConnectWithin(daemonName, attached ? nullptr : &daemon, std::chrono::seconds(10));
-        sv.pid = daemonPid;
-        servers.push_back(std::move(sv));
-    }
+    for (size_t i = 0; i < echoNames.size(); ++i)
+        addServer(echoLabels[i], echoNames[i], Conn(Connect(echoNames[i])), echoPids[i]);
+    const auto limit = std::chrono::seconds(10);
+    if (!opt.baseline.empty())
+        addServer("vornd (baseline)", baselineName, ConnectWithin(baselineName, &baseline, limit),
+                  baseline.pid());
+    if (!attached)
+        addServer("vornd, HAL in-process", inProcessName,
+                  ConnectWithin(inProcessName, &inProcess, limit), inProcess.pid());
+    addServer("vornd", daemonName, ConnectWithin(daemonName, attached ? nullptr : &daemon, limit),
+              daemonPid);
     for (const Server& sv : servers) {
         if (sv.conn.ok()) continue;
         std::fprintf(stderr, "vorn_bench: cannot connect to %s; see %s\n", sv.label.c_str(),
